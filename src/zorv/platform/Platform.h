@@ -1,0 +1,104 @@
+// The engine's single door to the operating system. PlatformPosix.cpp and
+// PlatformWindows.cpp implement it and CMake compiles exactly one of them;
+// no other file includes a system header.
+//
+// Errors are reported as Windows error numbers on every platform (2 file not
+// found, 5 access denied, 32 sharing violation, ...), so callers and tests see
+// the same values wherever they run.
+//
+// Free functions are thread-safe. A reader, writer or append file belongs to
+// one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string_view>
+
+namespace zorv::platform {
+
+inline constexpr uint32_t kErrorFileNotFound = 2;
+inline constexpr uint32_t kErrorPathNotFound = 3;
+inline constexpr uint32_t kErrorAccessDenied = 5;
+inline constexpr uint32_t kErrorInvalidHandle = 6;
+inline constexpr uint32_t kErrorGenFailure = 31;
+inline constexpr uint32_t kErrorSharingViolation = 32;
+inline constexpr uint32_t kErrorNotSupported = 50;
+inline constexpr uint32_t kErrorWaitTimeout = 258;
+
+// Reads a file sequentially while yielding to every other program that wants
+// it. On Windows the reader holds a read/handle-caching oplock and stops when
+// it breaks; on POSIX, which has no oplocks, it stops when the file's size or
+// times change between reads. Either way a yielded read ends with error 32 and
+// the file closed. The file is also closed after end of file and any failure.
+class OplockReader {
+public:
+    OplockReader();
+    ~OplockReader();
+    OplockReader(const OplockReader&) = delete;
+    OplockReader& operator=(const OplockReader&) = delete;
+
+    // False when the file cannot be opened (or, on Windows, the oplock is refused).
+    bool Open(std::u16string_view path);
+    bool IsOpen() const;
+    // Bytes read; 0 at end of file or on failure, and the reader is then closed.
+    size_t Read(void* buffer, size_t count);
+    // Safe to call twice.
+    void Close();
+    // The last failure, 0 while healthy.
+    uint32_t Error() const { return m_error; }
+
+private:
+    struct Native;
+    std::unique_ptr<Native> m_native;
+    uint32_t m_error = 0;
+};
+
+// Writes a file from the start, replacing whatever was there; shared so that
+// other programs may read it meanwhile.
+class FileWriter {
+public:
+    FileWriter();
+    ~FileWriter();
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+
+    bool Open(std::u16string_view path);
+    bool IsOpen() const;
+    // Bytes written; 0 on failure, and the writer is then closed.
+    size_t Write(const void* buffer, size_t count);
+    void Close();
+    uint32_t Error() const { return m_error; }
+
+private:
+    struct Native;
+    std::unique_ptr<Native> m_native;
+    uint32_t m_error = 0;
+};
+
+// An unbuffered append-only file that other programs may open, read and write
+// at the same time (the log file). Each Write lands as one append.
+class AppendFile {
+public:
+    AppendFile();
+    ~AppendFile();
+    AppendFile(const AppendFile&) = delete;
+    AppendFile& operator=(const AppendFile&) = delete;
+
+    bool Open(std::u16string_view path);
+    bool IsOpen() const;
+    bool Write(const void* data, size_t count);
+
+private:
+    struct Native;
+    std::unique_ptr<Native> m_native;
+};
+
+// Local calendar time of a moment given in seconds since 1970-01-01 UTC.
+bool LocalTime(int64_t secondsSince1970, std::tm& out);
+
+// The system clock in milliseconds since 1970-01-01 UTC (100-ns ticks / 10000).
+uint64_t NowMilliseconds();
+
+}  // namespace zorv::platform

@@ -1,0 +1,256 @@
+// POSIX implementation of Platform.h.
+//
+// Divisions: error mapping; OplockReader (change detection instead of an
+// oplock); FileWriter; AppendFile; clock.
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "../ZorvLogger.h"
+#include "../ZorvText.h"
+#include "Platform.h"
+
+namespace zorv::platform {
+
+namespace {
+
+constexpr char16_t kLogSource[] = u"src/zorv/platform/PlatformPosix";
+
+// The one place a POSIX error becomes the engine's (Windows) error number.
+uint32_t PosixError(int error) {
+    switch (error) {
+        case ENOENT: return kErrorFileNotFound;
+        case ENOTDIR: return kErrorPathNotFound;
+        case EACCES:
+        case EPERM:
+        case EISDIR:
+        case EROFS: return kErrorAccessDenied;
+        case EBADF: return kErrorInvalidHandle;
+        case EBUSY:
+        case ETXTBSY: return kErrorSharingViolation;
+        case ENOTSUP: return kErrorNotSupported;
+        default: return kErrorGenFailure;
+    }
+}
+
+// Owns a file descriptor; closes it exactly once.
+class ScopedFd {
+public:
+    ScopedFd() = default;
+    explicit ScopedFd(int fd) : m_fd(fd) {}
+    ~ScopedFd() { Reset(); }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+
+    int get() const { return m_fd; }
+    bool valid() const { return m_fd >= 0; }
+    void Reset(int fd = -1) {
+        if (m_fd >= 0) ::close(m_fd);
+        m_fd = fd;
+    }
+
+private:
+    int m_fd = -1;
+};
+
+std::string NativePath(std::u16string_view path) { return Utf16ToUtf8(path); }
+
+int OpenRetrying(const std::string& path, int flags, mode_t mode = 0) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// What must not change while a guarded read is under way.
+struct Identity {
+    off_t size = 0;
+    struct timespec mtime {};
+    struct timespec ctime {};
+
+    static bool Of(int fd, Identity& out) {
+        struct stat st {};
+        if (::fstat(fd, &st) != 0) return false;
+        out.size = st.st_size;
+        out.mtime = st.st_mtim;
+        out.ctime = st.st_ctim;
+        return true;
+    }
+    bool operator==(const Identity& o) const {
+        return size == o.size && mtime.tv_sec == o.mtime.tv_sec && mtime.tv_nsec == o.mtime.tv_nsec &&
+               ctime.tv_sec == o.ctime.tv_sec && ctime.tv_nsec == o.ctime.tv_nsec;
+    }
+};
+
+}  // namespace
+
+// ---- OplockReader -------------------------------------------------------
+
+struct OplockReader::Native {
+    ScopedFd fd;
+    uint64_t offset = 0;
+    Identity opened;
+};
+
+OplockReader::OplockReader() = default;
+OplockReader::~OplockReader() { Close(); }
+
+bool OplockReader::Open(std::u16string_view path) {
+    Close();
+    m_error = 0;
+    auto native = std::make_unique<Native>();
+    native->fd.Reset(OpenRetrying(NativePath(path), O_RDONLY));
+    if (!native->fd.valid()) {
+        m_error = PosixError(errno);
+        return false;
+    }
+    struct stat st {};
+    if (::fstat(native->fd.get(), &st) != 0) {
+        m_error = PosixError(errno);
+        return false;
+    }
+    // Windows refuses to read a directory's data; so do we, at the same place.
+    if (S_ISDIR(st.st_mode)) {
+        m_error = kErrorAccessDenied;
+        return false;
+    }
+    Identity::Of(native->fd.get(), native->opened);
+    m_native = std::move(native);
+    return true;
+}
+
+bool OplockReader::IsOpen() const { return m_native != nullptr && m_native->fd.valid(); }
+
+size_t OplockReader::Read(void* buffer, size_t count) {
+    if (!IsOpen() || buffer == nullptr || count == 0) {
+        Close();
+        return 0;
+    }
+    ssize_t n;
+    do {
+        n = ::pread(m_native->fd.get(), buffer, count, static_cast<off_t>(m_native->offset));
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        m_error = PosixError(errno);
+        Close();
+        return 0;
+    }
+    // Without oplocks, a writer is noticed by what it leaves behind: any change of
+    // size, mtime or ctime since the open means another program wants the file.
+    Identity now;
+    if (!Identity::Of(m_native->fd.get(), now) || !(now == m_native->opened)) {
+        m_error = kErrorSharingViolation;
+        ZORV_LOG(kLogWarning, u"fileread", u"Interrupted oplock");
+        Close();
+        return 0;
+    }
+    if (n == 0) {
+        Close();
+        return 0;
+    }
+    m_native->offset += static_cast<uint64_t>(n);
+    return static_cast<size_t>(n);
+}
+
+void OplockReader::Close() { m_native.reset(); }
+
+// ---- FileWriter ---------------------------------------------------------
+
+struct FileWriter::Native {
+    ScopedFd fd;
+};
+
+FileWriter::FileWriter() = default;
+FileWriter::~FileWriter() { Close(); }
+
+bool FileWriter::Open(std::u16string_view path) {
+    Close();
+    m_error = 0;
+    auto native = std::make_unique<Native>();
+    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    if (!native->fd.valid()) {
+        m_error = PosixError(errno);
+        return false;
+    }
+    m_native = std::move(native);
+    return true;
+}
+
+bool FileWriter::IsOpen() const { return m_native != nullptr && m_native->fd.valid(); }
+
+size_t FileWriter::Write(const void* buffer, size_t count) {
+    if (!IsOpen()) {
+        m_error = kErrorInvalidHandle;
+        return 0;
+    }
+    const auto* bytes = static_cast<const char*>(buffer);
+    size_t done = 0;
+    // POSIX may write less than asked; Windows' synchronous WriteFile does not.
+    while (done < count) {
+        const ssize_t n = ::write(m_native->fd.get(), bytes + done, count - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            m_error = n < 0 ? PosixError(errno) : kErrorGenFailure;
+            Close();
+            return 0;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return done;
+}
+
+void FileWriter::Close() { m_native.reset(); }
+
+// ---- AppendFile ---------------------------------------------------------
+
+struct AppendFile::Native {
+    ScopedFd fd;
+};
+
+AppendFile::AppendFile() = default;
+AppendFile::~AppendFile() = default;
+
+bool AppendFile::Open(std::u16string_view path) {
+    auto native = std::make_unique<Native>();
+    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_APPEND, 0644));
+    if (!native->fd.valid()) return false;
+    m_native = std::move(native);
+    return true;
+}
+
+bool AppendFile::IsOpen() const { return m_native != nullptr && m_native->fd.valid(); }
+
+bool AppendFile::Write(const void* data, size_t count) {
+    if (!IsOpen()) return false;
+    const auto* bytes = static_cast<const char*>(data);
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t n = ::write(m_native->fd.get(), bytes + done, count - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// ---- Clock --------------------------------------------------------------
+
+bool LocalTime(int64_t secondsSince1970, std::tm& out) {
+    const time_t t = static_cast<time_t>(secondsSince1970);
+    return ::localtime_r(&t, &out) != nullptr;
+}
+
+uint64_t NowMilliseconds() {
+    struct timespec ts {};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    const uint64_t ticks = static_cast<uint64_t>(ts.tv_sec) * 10000000u + static_cast<uint64_t>(ts.tv_nsec) / 100u;
+    return ticks / 10000u;
+}
+
+}  // namespace zorv::platform

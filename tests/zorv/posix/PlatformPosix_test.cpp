@@ -1,0 +1,71 @@
+#include "platform/Platform.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "TestSupport.h"
+#include "ZorvLogger.h"
+
+namespace zorv::platform {
+namespace {
+
+using test::LogCapture;
+using test::PathText;
+using test::TempDir;
+
+// POSIX has no oplocks: the reader notices another writer by the file's size
+// and times, and steps aside the way a broken oplock would make it.
+class ChangedFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ZorvLogger& logger = ZorvLogger::Instance();
+        if (!logger.IsInitialized()) logger.InitLogger(&LogCapture::Callback, 0xF);
+        logger.SetLevel(0xF);
+        LogCapture::Instance().Clear();
+        test::WriteFile(m_path, std::string(4096, 'a'));
+        ASSERT_TRUE(m_reader.Open(PathText(m_path)));
+        ASSERT_EQ(m_reader.Read(m_buffer, sizeof m_buffer), sizeof m_buffer);
+    }
+
+    void ExpectGaveUp() {
+        EXPECT_EQ(m_reader.Read(m_buffer, sizeof m_buffer), 0u);
+        EXPECT_EQ(m_reader.Error(), kErrorSharingViolation);
+        EXPECT_FALSE(m_reader.IsOpen());
+        const auto lines = LogCapture::Instance().Lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].level, uint32_t{kLogWarning});
+        EXPECT_EQ(lines[0].function, u"fileread");
+        EXPECT_EQ(lines[0].message, u"Interrupted oplock");
+    }
+
+    TempDir m_dir;
+    std::filesystem::path m_path = m_dir / "script.ps1";
+    OplockReader m_reader;
+    char m_buffer[1024];
+};
+
+TEST_F(ChangedFile, GrowingFileEndsTheRead) {
+    std::ofstream(m_path, std::ios::binary | std::ios::app) << "appended";
+    ExpectGaveUp();
+}
+
+TEST_F(ChangedFile, SameSizeWithNewTimesEndsTheRead) {
+    const auto stamp = std::filesystem::last_write_time(m_path);
+    std::filesystem::last_write_time(m_path, stamp - std::chrono::hours(24));
+    ExpectGaveUp();
+}
+
+TEST(OplockReader, DirectoryIsRefusedAsAccessDenied) {
+    TempDir dir;
+    OplockReader reader;
+    EXPECT_FALSE(reader.Open(PathText(dir.path())));
+    EXPECT_FALSE(reader.IsOpen());
+    EXPECT_EQ(reader.Error(), kErrorAccessDenied);
+}
+
+}  // namespace
+}  // namespace zorv::platform
