@@ -1,0 +1,105 @@
+// An agent loads the library at run time and resolves what it needs by name;
+// the cJSON API must come from the same library, and nothing else may leak.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <set>
+#include <string>
+
+#include "zorv/zorv.h"
+
+namespace {
+
+constexpr std::array<const char*, 13> kExports = {
+    "app_ctl",     "engine_start",    "engine_stop", "set_config", "set_loglevel",
+    "set_ruleset", "set_ruleset_buffer", "store_item", "get_inventory", "get_metrics_mem",
+    "purge_db",    "delete_db",       "flush_db_buffer"};
+
+struct Library {
+    void* handle = dlopen(ZORV_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
+    ~Library() {
+        if (handle != nullptr) dlclose(handle);
+    }
+};
+
+// The defined dynamic symbols of the library, as `nm -D --defined-only` lists them.
+std::set<std::string> DefinedDynamicSymbols() {
+    std::set<std::string> names;
+    std::string command = std::string("nm -D --defined-only '") + ZORV_LIBRARY_FILE + "' 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return names;
+    char line[512];
+    while (fgets(line, sizeof line, pipe) != nullptr) {
+        char type = 0;
+        char name[400] = {};
+        if (sscanf(line, "%*s %c %399s", &type, name) == 2 && (type == 'T' || type == 'D' || type == 'B')) {
+            std::string symbol(name);
+            symbol = symbol.substr(0, symbol.find('@'));
+            names.insert(symbol);
+        }
+    }
+    pclose(pipe);
+    return names;
+}
+
+}  // namespace
+
+TEST(DynamicLoad, ResolvesEveryExportAndCallsThem) {
+    Library library;
+    ASSERT_NE(library.handle, nullptr) << dlerror();
+    for (const char* name : kExports) EXPECT_NE(dlsym(library.handle, name), nullptr) << name;
+
+    auto stop = reinterpret_cast<uint32_t (*)()>(dlsym(library.handle, "engine_stop"));
+    auto act = reinterpret_cast<uint32_t (*)(void*, const AppCtlEvent*, AppCtlResult*)>(
+        dlsym(library.handle, "app_ctl"));
+    ASSERT_NE(stop, nullptr);
+    ASSERT_NE(act, nullptr);
+    EXPECT_EQ(stop(), AC_OK);
+    AppCtlResult result{};
+    EXPECT_EQ(act(nullptr, nullptr, &result), AC_E_NULL_EVENT);
+}
+
+TEST(DynamicLoad, TheCJsonApiForwardsToTheDependency) {
+    Library library;
+    ASSERT_NE(library.handle, nullptr) << dlerror();
+    using Parse = void* (*)(const char*);
+    using GetItem = void* (*)(const void*, const char*);
+    using GetNumber = double (*)(const void*);
+    using Print = char* (*)(const void*);
+    using Delete = void (*)(void*);
+    using Free = void (*)(void*);
+    auto parse = reinterpret_cast<Parse>(dlsym(library.handle, "cJSON_Parse"));
+    auto getItem = reinterpret_cast<GetItem>(dlsym(library.handle, "cJSON_GetObjectItem"));
+    auto getNumber = reinterpret_cast<GetNumber>(dlsym(library.handle, "cJSON_GetNumberValue"));
+    auto print = reinterpret_cast<Print>(dlsym(library.handle, "cJSON_PrintUnformatted"));
+    auto destroy = reinterpret_cast<Delete>(dlsym(library.handle, "cJSON_Delete"));
+    auto release = reinterpret_cast<Free>(dlsym(library.handle, "cJSON_free"));
+    ASSERT_TRUE(parse && getItem && getNumber && print && destroy && release);
+
+    void* root = parse("{\"size\": 42, \"name\": \"a\"}");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(getNumber(getItem(root, "size")), 42.0);
+    char* text = print(root);
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text, "{\"size\":42,\"name\":\"a\"}");
+    release(text);
+    destroy(root);
+    EXPECT_EQ(parse("{broken"), nullptr);
+}
+
+TEST(DynamicLoad, ExportsExactlyTheEngineAndTheCJsonApi) {
+    const std::set<std::string> names = DefinedDynamicSymbols();
+    if (names.empty()) GTEST_SKIP() << "nm is not available to list the dynamic symbols";
+    for (const char* name : kExports) EXPECT_EQ(names.count(name), 1u) << name;
+    for (const std::string& name : names) {
+        const bool engine = std::find_if(kExports.begin(), kExports.end(),
+                                         [&](const char* e) { return name == e; }) != kExports.end();
+        // The version node is an ABS symbol, which nm does not list as T/D/B.
+        EXPECT_TRUE(engine || name.rfind("cJSON_", 0) == 0) << "unexpected export " << name;
+    }
+    EXPECT_EQ(names.count("cJSON_Parse"), 1u);
+    EXPECT_GE(names.size(), kExports.size() + 70);
+}
