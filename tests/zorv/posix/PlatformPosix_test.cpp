@@ -59,13 +59,5 @@ TEST_F(ChangedFile, SameSizeWithNewTimesEndsTheRead) {
     ExpectGaveUp();
 }
 
-TEST(OplockReader, DirectoryIsRefusedAsAccessDenied) {
-    TempDir dir;
-    OplockReader reader;
-    EXPECT_FALSE(reader.Open(PathText(dir.path())));
-    EXPECT_FALSE(reader.IsOpen());
-    EXPECT_EQ(reader.Error(), kErrorAccessDenied);
-}
-
 }  // namespace
 }  // namespace zorv::platform
