@@ -8,7 +8,7 @@ lanes="${ZORV_LANES:-linux windows}"
 
 if [[ " $lanes " == *" linux "* ]]; then
   scripts/deps.sh
-  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORV_BUILD_BENCH=ON
   cmake --build build
   ctest --test-dir build --output-on-failure -j "$(nproc)"
 fi
