@@ -132,24 +132,6 @@ uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
     return AC_OK;
 }
 
-void FillResult(const EngineEvent& event, AppCtlResult* result) {
-    std::memset(reinterpret_cast<uint8_t*>(result) + offsetof(AppCtlResult, text), 0,
-                sizeof(AppCtlResult) - offsetof(AppCtlResult, text));
-    result->action = event.action;
-    result->passThroughSecond = event.passThroughSecond;
-    result->source = event.source;
-    result->isAuthorized = event.isAuthorized;
-    result->eventType = event.eventType;
-    result->passThroughFirst = event.passThroughFirst;
-    result->dbVerdict = event.dbVerdict;
-    // A bounded copy of 80 units including the terminator: a text that does
-    // not fit is refused whole (the field stays empty), never cut or overrun.
-    const std::u16string& text = event.resultText;
-    if (!text.empty() && text.size() < AC_RESULT_TEXT_UNITS) {
-        std::memcpy(result->text, text.data(), text.size() * sizeof(char16_t));
-    }
-}
-
 uint32_t AppCtl(const AppCtlEvent* event, AppCtlResult* result) {
     if (event == nullptr) return AC_E_NULL_EVENT;
     ZorvEngine* engine = Engine();
@@ -160,23 +142,12 @@ uint32_t AppCtl(const AppCtlEvent* event, AppCtlResult* result) {
         EngineEvent engineEvent;
         ZorvEngine::ConvertEvent(event, &engineEvent);
         engine->ProcessEvent(engineEvent);
-        if (result != nullptr) FillResult(engineEvent, result);
+        if (result != nullptr) FillAppCtlResult(engineEvent, result);
         action = engineEvent.action;
     }
     // A host that passes no result record never sees a block.
     if (result == nullptr) return AC_OK;
-
-    if (action == AC_DECISION_BLOCK) {
-        if (g_config.ManifestApplied()) {
-            ZORV_LOG(kLogWarning, u"app_ctl", u"Blocking event: '%s'", FromHostText(event->name));
-            return AC_BLOCKED;
-        }
-        // A new engine version runs unenforced until its manifest arrives.
-        const uint64_t waiting = ZorvStats::Instance().IncrementMetric(u"ALLOWED_WAITING_FOR_MANIFEST");
-        ZORV_LOG(kLogTrace, u"app_ctl", u"Allowed waiting for manifest %d", waiting);
-        return AC_OK;
-    }
-    return action == AC_DECISION_ERROR ? AC_E_FAILED : AC_OK;
+    return AppCtlStatus(action, *event);
 }
 
 uint32_t EngineStart(const EngineStartParams* params) {
@@ -219,6 +190,38 @@ bool ItemIsComplete(const InventoryItemRecord* item) {
 }  // namespace
 
 AppControlConfig& AppControlConfig::Instance() { return g_config; }
+
+void FillAppCtlResult(const EngineEvent& event, AppCtlResult* result) {
+    std::memset(reinterpret_cast<uint8_t*>(result) + offsetof(AppCtlResult, text), 0,
+                sizeof(AppCtlResult) - offsetof(AppCtlResult, text));
+    result->action = event.action;
+    result->passThroughSecond = event.passThroughSecond;
+    result->source = event.source;
+    result->isAuthorized = event.isAuthorized;
+    result->eventType = event.eventType;
+    result->passThroughFirst = event.passThroughFirst;
+    result->dbVerdict = event.dbVerdict;
+    // A bounded copy of 80 units including the terminator: a text that does
+    // not fit is refused whole (the field stays empty), never cut or overrun.
+    const std::u16string& text = event.resultText;
+    if (!text.empty() && text.size() < AC_RESULT_TEXT_UNITS) {
+        std::memcpy(result->text, text.data(), text.size() * sizeof(char16_t));
+    }
+}
+
+uint32_t AppCtlStatus(uint32_t action, const AppCtlEvent& event) {
+    if (action == AC_DECISION_BLOCK) {
+        if (g_config.ManifestApplied()) {
+            ZORV_LOG(kLogWarning, u"app_ctl", u"Blocking event: '%s'", FromHostText(event.name));
+            return AC_BLOCKED;
+        }
+        // A new engine version runs unenforced until its manifest arrives.
+        const uint64_t waiting = ZorvStats::Instance().IncrementMetric(u"ALLOWED_WAITING_FOR_MANIFEST");
+        ZORV_LOG(kLogTrace, u"app_ctl", u"Allowed waiting for manifest %d", waiting);
+        return AC_OK;
+    }
+    return action == AC_DECISION_ERROR ? AC_E_FAILED : AC_OK;
+}
 
 }  // namespace zorv
 
