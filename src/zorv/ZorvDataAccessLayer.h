@@ -1,57 +1,256 @@
 // ZorvDAL: the one object through which the engine touches ac.db.
 //
 // Thread-safe. A process-wide instance created on first use; event threads
-// and the control thread call it concurrently.
+// and the control thread call it concurrently. Two non-recursive locks: the
+// database lock guards the connection, every statement and the three
+// write-behind buffers; the initialisation lock guards opening and the final
+// Finalize. When both are held the initialisation lock is taken first.
+//
+// Operations whose names end in Internal never lock: their callers (the public
+// wrapper, a buffer that overflows, the import) already hold the database lock.
+//
+// The members are spread over several files by subject:
+//   ZorvDataAccessLayer.cpp         open, migrate, prepare, finalize, delete, purge
+//   ZorvDataAccessLayerLookup.cpp   inventory lookup and trust-rule matching
+//   ZorvDataAccessLayerStore.cpp    item, trust-rule and user-list storage, state
+//   ZorvDataAccessLayerMetrics.cpp  counts behind the metrics document
+//   ZorvDataAccessLayerImport.cpp   ruleset import and inventory export
 #pragma once
 
+#include <sqlite3.h>
+
+#include <cjson/cJSON.h>
+
+#include <atomic>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "ZorvEventAbstraction.h"
+#include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
 
 namespace zorv {
 
+// One row of TrustRules as the import builds it. Empty texts are stored as
+// NULL, which the lookup reads as "any".
+struct TrustRuleRecord {
+    std::u16string processName;
+    std::u16string paths;  // ';'-separated patterns
+    int32_t trustType = 0;
+    std::u16string signerName;
+    std::u16string productName;
+    std::u16string companyName;
+    SHA256Hash sha256;
+    std::u16string issuer[6];  // CN, C, S, L, O, OU
+    std::u16string ruleset;
+    std::u16string procUser;
+    std::u16string procGroup;
+    std::u16string userList;  // id of a UserList group
+};
+
+// One member of a user list.
+struct UserListRecord {
+    std::u16string id;
+    std::u16string user;
+};
+
 class ZorvDAL {
 public:
+    // What an import's name says the document is.
+    enum class RulesetKind { ItemRuleset, TrustRuleset, AgentManifest };
+
     static ZorvDAL& Instance();
 
     ZorvDAL() = default;
+    // Flushes and finalizes, exactly once, if the engine did not stop first.
+    ~ZorvDAL();
     ZorvDAL(const ZorvDAL&) = delete;
     ZorvDAL& operator=(const ZorvDAL&) = delete;
 
+    // ---- Database file, schema, lifecycle (ZorvDataAccessLayer.cpp) ----
+
     // Where the database lives; refused (false) while the database is open.
     bool SetDBPath(const std::u16string& path);
+    const std::u16string& DBPath() const { return m_dbPath; }
     bool IsOpen() const;
-    // Opens (creating or migrating) the database and prepares the statements.
+    // Opens (creating or migrating) the database and prepares the statements,
+    // then refreshes the trust-rule flag and the SHA-1/MD5 counts.
     bool InitDB();
     // Flushes the write-behind buffers and closes the database.
     void Shutdown();
+    bool DeleteDB();
+    bool PurgeDB(uint32_t kind);
+    std::u16string GetErrorString();
+
+    // ---- Inventory lookup and trust rules (ZorvDataAccessLayerLookup.cpp) ----
+
+    // True when the lookup ran to its end; the verdict is written into `event`.
+    bool IsAllowedInDB(EngineEvent& event);
+    bool IsFoundInTrustRules(uint32_t trustType, EngineEvent& event);
+    // Stores hitcount + 1 for the rule.
+    bool UpdateHitcount(int32_t trustRuleId, int32_t hitcount);
+    // Whether `text` matches one of the ';'-separated patterns (both lower-case).
+    static bool MatchEventPathWithRulePath(std::u16string text, std::u16string patterns);
+    bool TrustRulesEnabled() const { return m_trustRulesEnabled; }
+
+    // ---- Storage (ZorvDataAccessLayerStore.cpp) ----
+
+    uint64_t StoreItem(EngineEvent& event);
+    uint64_t StoreItem(const InventoryItemRecord& item);
+    uint64_t StoreItemBuffer(EngineEvent& event);
+    uint64_t StoreItemBuffer(const InventoryItemRecord& item);
+    uint64_t StoreItemFlush();
+    uint64_t StoreTrustRule(const TrustRuleRecord& rule);
+    uint64_t StoreTrustRuleBuffer(const TrustRuleRecord& rule);
+    uint64_t StoreTrustRuleFlush();
+    uint64_t StoreUserList(const UserListRecord& entry);
+    uint64_t StoreUserListBuffer(const UserListRecord& entry);
+    uint64_t StoreUserListFlush();
+    bool StoreEventItem(EngineEvent& event);
+    bool UpdatePrelinkItem(EngineEvent& event);
+    bool DeleteInventoryItems(const EngineEvent& event);
+    bool GetAppControlState(const std::u16string& settingName, std::u16string& value);
+    bool SetAppControlState(const std::u16string& settingName, const std::u16string& value);
+    bool SetAppControlStateValue(const std::u16string& settingName, uint64_t value);
+    // The host's record as the engine's event (digests always copied).
+    static void ConvertInventoryItem(const InventoryItemRecord& item, EngineEvent& event);
+
+    // ---- Counts for the metrics document (ZorvDataAccessLayerMetrics.cpp) ----
+
+    void PrepareMetrics(cJSON* trustRuleStats);
+    bool PrepareMetricsDBInfo(cJSON* dbinfo);
+    void UserGroupTrustRulesCount(cJSON* dbinfo);
+    bool PrepareMetricsDBInfoRulesets(cJSON* dbinfo);
+    void PrepareMetricsDBSize(cJSON* dbinfo);
+    int32_t TrustRulesCount();
+    int32_t MD5RulesCount(bool waitForLock);
+    int32_t SHA1RulesCount(bool waitForLock);
+    bool GetTrustRuleIDs(std::vector<int32_t>& ids);
+    int64_t Sha1RuleCount() const { return m_sha1RuleCount; }
+    int64_t Md5RuleCount() const { return m_md5RuleCount; }
+
+    // ---- Import and export (ZorvDataAccessLayerImport.cpp) ----
 
     bool ImportRuleset(uint8_t append, const std::u16string& path, const std::u16string& name);
     bool ImportRulesetBuffer(uint8_t append, const std::string& utf8, const std::u16string& name);
-
-    uint64_t StoreItem(const InventoryItemRecord& item);
-    uint64_t StoreItemBuffer(const InventoryItemRecord& item);
-    uint64_t StoreItemFlush();
-    uint64_t StoreTrustRuleFlush();
-    uint64_t StoreUserListFlush();
-
     bool GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, const std::u16string& payloadPath,
                   const std::u16string& scanUuid);
-
-    bool PurgeDB(uint32_t what);
-    bool DeleteDB();
-
-    bool GetAppControlState(const std::u16string& settingName, std::u16string& value);
-    bool SetAppControlState(const std::u16string& settingName, const std::u16string& value);
-
-    bool UpdateHitcount(int32_t trustRuleId, int32_t hitcount);
+    bool CollectTableMetadata(sqlite3* db, const std::string& table, std::vector<std::string>& statements,
+                              std::string& error);
+    bool CreateTempTableFromOriginal(sqlite3* db, const std::string& table, std::string& tempName,
+                                     std::string& error);
+    bool SwapTempTableToOriginal(sqlite3* db, const std::string& table, const std::vector<std::string>& statements,
+                                 std::string& error);
+    static int SqlCallbackInventoryItemViewHandler(void* context, int columnCount, char** values, char** names);
 
 private:
-    mutable std::mutex m_initLock;  // guards m_dbPath and opening
+    using Statement = std::shared_ptr<sqlite3_stmt>;
+
+    // ZorvDataAccessLayer.cpp
+    bool _InitDB(bool readOnly);
+    bool PrepareStatements();
+    void Finalize();
+    bool _DeleteDB();
+    // Runs one of the schema scripts; logs and answers false on failure.
+    bool ExecSchema(sqlite3* db, size_t index);
+
+    // ZorvDataAccessLayerLookup.cpp
+    bool IsAllowedInDBInternal(EngineEvent& event);
+    Statement IsAllowedInDBSearch(EngineEvent& event, int& rc);
+    bool IsAllowedInRuleSet(sqlite3_stmt* row, EngineEvent& event);
+    bool IsAllowedInInventory(sqlite3_stmt* row, EngineEvent& event);
+    bool IsAllowedInDrift(sqlite3_stmt* row, EngineEvent& event);
+    bool IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event);
+    bool UpdateHitcountInternal(int32_t trustRuleId, int32_t hitcount);
+
+    // ZorvDataAccessLayerStore.cpp
+    uint64_t StoreItemInternal(const EngineEvent& event, bool tempTable);
+    uint64_t StoreItemFlushInternal();
+    uint64_t StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable);
+    uint64_t StoreTrustRuleFlushInternal();
+    uint64_t StoreUserListInternal(const UserListRecord& entry, bool tempTable);
+    uint64_t StoreUserListFlushInternal();
+
+    // ZorvDataAccessLayerImport.cpp
+    bool ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const std::u16string& name);
+    bool PrepareImportStatement(sqlite3* db, Statement& stmt, const char* sql, const char16_t* sqlName);
+    bool ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
+                          const std::u16string& name, std::string& error);
+    bool ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
+                         const std::u16string& name, std::vector<std::string>& itemMetadata, std::string& error);
+    void GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
+                                const std::u16string& payloadPath, const std::u16string& scanUuid);
+    void GetItemSourceTrustRule(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
+                                const std::u16string& payloadPath);
+    bool AddUserListMembers(cJSON* object, const char* userList);
+
+    std::mutex m_dbLock;    // the database lock
+    std::mutex m_initLock;  // the initialisation lock
+
+    std::shared_ptr<sqlite3> m_DB;  // deleter sqlite3_close_v2; empty when closed
     std::u16string m_dbPath;
-    bool m_open = false;
+
+    std::deque<EngineEvent> m_pendingItems;
+    std::deque<TrustRuleRecord> m_pendingTrustRules;
+    std::deque<UserListRecord> m_pendingUserLists;
+
+    Statement m_pInsertItemStmt;
+    Statement m_pInsertTrustRuleStmt;
+    Statement m_pInsertUserListStmt;
+    Statement m_pUpdatePrelinkItemStmt;
+    Statement m_pLookupItemAuthStmt;
+    Statement m_pLookupItemAuthRulesetStmt;
+    Statement m_pLookupItemAlternateSHA1HashStmt;
+    Statement m_pLookupItemAlternateMD5HashStmt;
+    Statement m_pLookupTrustRuleStmt;
+    Statement m_pLookupUserListStmt;
+    Statement m_pUpdateTrustRuleHitcountStmt;
+    Statement m_pMetricsLookupTrustRuleStmt;
+    Statement m_pLookupRuleCountStmt;
+    Statement m_pLookupTrustRuleCountStmt;
+    Statement m_pLookupMD5CountStmt;
+    Statement m_pLookupSHA1CountStmt;
+    Statement m_pLookupUserGroupTrustRuleCountStmt;
+    Statement m_pLookupRulesetCountStmt;
+    Statement m_pLookupTrustRuleIDsStmt;
+    Statement m_pDeleteInventoryItemsStmt;
+    Statement m_pGetAcStateStmt;
+    Statement m_pSetAcStateStmt;
+    Statement m_pInsertItemTempTableStmt;
+    Statement m_pInsertTrustRuleTempTableStmt;
+    Statement m_pInsertUserListTempTableStmt;
+
+    std::vector<std::string> m_schema;  // the migration scripts, version 4 onwards
+
+    // Read without the database lock on every event, hence atomic.
+    std::atomic<bool> m_trustRulesEnabled{false};
+    std::atomic<int64_t> m_sha1RuleCount{0};
+    std::atomic<int64_t> m_md5RuleCount{0};
+    bool m_shutDown = false;  // Shutdown ran; the destructor must not repeat it
+};
+
+// Shared by the files above: one statement use, reset and cleared at its end
+// however it ends, so the next caller starts clean.
+class StatementUse {
+public:
+    explicit StatementUse(std::shared_ptr<sqlite3_stmt> stmt) : m_stmt(std::move(stmt)) {}
+    ~StatementUse() {
+        if (m_stmt) {
+            sqlite3_reset(m_stmt.get());
+            sqlite3_clear_bindings(m_stmt.get());
+        }
+    }
+    StatementUse(const StatementUse&) = delete;
+    StatementUse& operator=(const StatementUse&) = delete;
+    sqlite3_stmt* get() const { return m_stmt.get(); }
+    explicit operator bool() const { return static_cast<bool>(m_stmt); }
+
+private:
+    std::shared_ptr<sqlite3_stmt> m_stmt;
 };
 
 }  // namespace zorv
