@@ -27,6 +27,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ZorvEventAbstraction.h"
@@ -96,6 +97,9 @@ public:
     // Whether `text` matches one of the ';'-separated patterns (both lower-case).
     static bool MatchEventPathWithRulePath(std::u16string text, std::u16string patterns);
     bool TrustRulesEnabled() const { return m_trustRulesEnabled; }
+    // One pattern against one text, both lower-case: `*` and `?` never cross a
+    // separator, "**\\" and "**/" span any number of levels.
+    static bool WildcardMatch(std::u16string_view text, std::u16string_view pattern);
 
     // ---- Storage (ZorvDataAccessLayerStore.cpp) ----
 

@@ -101,4 +101,34 @@ bool LocalTime(int64_t secondsSince1970, std::tm& out);
 // The system clock in milliseconds since 1970-01-01 UTC (100-ns ticks / 10000).
 uint64_t NowMilliseconds();
 
+// What the runtime library's file status call reports (_wstat64 on Windows,
+// stat on POSIX). Times are seconds since 1970-01-01 UTC.
+struct FileStatus {
+    uint64_t size = 0;
+    int64_t lastAccessTime = 0;
+    int64_t lastWriteTime = 0;
+    int64_t changeTime = 0;  // POSIX ctime; the creation time on Windows
+    bool isDirectory = false;
+};
+// False when the path cannot be queried (missing, no access).
+bool StatFile(std::u16string_view path, FileStatus& out);
+
+// A file's last-access and last-write times as Windows file times (100-ns
+// ticks since 1601-01-01 UTC). The file is opened for reading, shared for
+// reading only. On failure `error` holds the Windows error number and
+// `openFailed` says whether the open or the time query failed.
+struct FileTimes {
+    uint64_t lastAccess = 0;
+    uint64_t lastWrite = 0;
+};
+bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, bool& openFailed);
+
+// Whether the path is a reparse point (Windows) or a symbolic link (POSIX).
+// A path whose attributes cannot be read is not one.
+bool IsReparsePoint(std::u16string_view path);
+
+// Whether Windows File Protection guards the file. POSIX has no protected
+// system files: always false there.
+bool IsProtectedSystemFile(std::u16string_view path);
+
 }  // namespace zorv::platform
