@@ -2,7 +2,7 @@
 //
 // Divisions: error and path helpers; OplockReader (a read/handle-caching
 // oplock that makes the engine step aside for any other opener); FileWriter;
-// AppendFile; clock.
+// AppendFile; clock; file status and attributes.
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
@@ -10,6 +10,9 @@
 #define WIN32_LEAN_AND_MEAN
 #endif
 #include <windows.h>
+#include <sfc.h>
+#include <sys/stat.h>
+#include <sys/types.h>
 #include <winioctl.h>
 
 #include <string>
@@ -287,6 +290,64 @@ uint64_t NowMilliseconds() {
     ticks.HighPart = now.dwHighDateTime;
     // 100-ns ticks since 1601 to milliseconds since 1970.
     return (ticks.QuadPart - 116444736000000000ull) / 10000u;
+}
+
+// ---- File status and attributes -----------------------------------------
+
+bool StatFile(std::u16string_view path, FileStatus& out) {
+    struct _stat64 st {};
+    if (::_wstat64(NativePath(path).c_str(), &st) != 0) return false;
+    out.size = static_cast<uint64_t>(st.st_size);
+    out.lastAccessTime = st.st_atime;
+    out.lastWriteTime = st.st_mtime;
+    out.changeTime = st.st_ctime;
+    out.isDirectory = (st.st_mode & _S_IFDIR) != 0;
+    return true;
+}
+
+namespace {
+
+uint64_t ToTicks(const FILETIME& time) {
+    ULARGE_INTEGER ticks;
+    ticks.LowPart = time.dwLowDateTime;
+    ticks.HighPart = time.dwHighDateTime;
+    return ticks.QuadPart;
+}
+
+}  // namespace
+
+bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, bool& openFailed) {
+    error = 0;
+    openFailed = false;
+    const std::wstring nativePath = NativePath(path);
+    // Sharing read only: a writer holding the file makes this fail rather
+    // than report times that are about to change.
+    ScopedHandle file(::CreateFileW(nativePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file.valid()) {
+        error = WindowsError();
+        openFailed = true;
+        return false;
+    }
+    FILETIME lastAccess{};
+    FILETIME lastWrite{};
+    if (!::GetFileTime(file.get(), nullptr, &lastAccess, &lastWrite)) {
+        error = WindowsError();
+        return false;
+    }
+    out.lastAccess = ToTicks(lastAccess);
+    out.lastWrite = ToTicks(lastWrite);
+    return true;
+}
+
+bool IsReparsePoint(std::u16string_view path) {
+    const DWORD attributes = ::GetFileAttributesW(NativePath(path).c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+bool IsProtectedSystemFile(std::u16string_view path) {
+    // A null RPC handle asks the local protection service.
+    return ::SfcIsFileProtected(nullptr, NativePath(path).c_str()) != FALSE;
 }
 
 }  // namespace zorv::platform

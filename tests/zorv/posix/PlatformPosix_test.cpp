@@ -59,5 +59,24 @@ TEST_F(ChangedFile, SameSizeWithNewTimesEndsTheRead) {
     ExpectGaveUp();
 }
 
+// Only POSIX lets an unprivileged test make a link: Windows needs a privilege
+// or developer mode for symbolic links, so the true case is checked here.
+TEST(PlatformAttributes, SymbolicLinkIsAReparsePointButItsTargetIsNot) {
+    TempDir dir;
+    test::WriteFile(dir / "target.exe", "MZ");
+    std::filesystem::create_symlink(dir / "target.exe", dir / "link.exe");
+    std::filesystem::create_symlink(dir / "absent.exe", dir / "dangling.exe");
+    std::filesystem::create_directory_symlink(dir.path(), dir / "folder-link");
+
+    EXPECT_TRUE(IsReparsePoint(PathText(dir / "link.exe")));
+    EXPECT_TRUE(IsReparsePoint(PathText(dir / "dangling.exe")));
+    EXPECT_TRUE(IsReparsePoint(PathText(dir / "folder-link")));
+    EXPECT_FALSE(IsReparsePoint(PathText(dir / "target.exe")));
+    // The status call follows the link, as _wstat64 does on Windows.
+    FileStatus status;
+    ASSERT_TRUE(StatFile(PathText(dir / "link.exe"), status));
+    EXPECT_EQ(status.size, 2u);
+}
+
 }  // namespace
 }  // namespace zorv::platform

@@ -1,0 +1,93 @@
+// Windows-only platform behaviour: share modes, protected system files and
+// reparse points have no POSIX counterpart to test against.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "TestSupport.h"
+#include "platform/Platform.h"
+
+namespace zorv::platform {
+namespace {
+
+using test::PathText;
+using test::TempDir;
+
+// Wine answers some system queries with stubs; tests of those skip there.
+bool RunningUnderWine() {
+    const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+    return ntdll != nullptr && ::GetProcAddress(ntdll, "wine_get_version") != nullptr;
+}
+
+class OpenElsewhere {
+public:
+    OpenElsewhere(const std::filesystem::path& path, DWORD access, DWORD share)
+        : m_handle(::CreateFileW(path.wstring().c_str(), access, share, nullptr, OPEN_EXISTING,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr)) {}
+    ~OpenElsewhere() {
+        if (m_handle != INVALID_HANDLE_VALUE) ::CloseHandle(m_handle);
+    }
+    bool valid() const { return m_handle != INVALID_HANDLE_VALUE; }
+
+private:
+    HANDLE m_handle;
+};
+
+// The times are read with sharing for reading only: a file another program is
+// writing is refused rather than measured mid-write, while readers are fine.
+TEST(PlatformFileTimes, AWriterElsewhereIsASharingViolationButAReaderIsNot) {
+    TempDir dir;
+    const auto path = dir / "installer.exe";
+    test::WriteFile(path, "MZ");
+    FileTimes times;
+    uint32_t error = 0;
+    bool openFailed = false;
+    {
+        OpenElsewhere writer(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+        ASSERT_TRUE(writer.valid());
+        EXPECT_FALSE(GetFileTimes(PathText(path), times, error, openFailed));
+        EXPECT_EQ(error, kErrorSharingViolation);
+        EXPECT_TRUE(openFailed);
+    }
+    {
+        OpenElsewhere reader(path, GENERIC_READ, FILE_SHARE_READ);
+        ASSERT_TRUE(reader.valid());
+        EXPECT_TRUE(GetFileTimes(PathText(path), times, error, openFailed)) << error;
+        EXPECT_EQ(error, 0u);
+    }
+}
+
+TEST(PlatformAttributes, SystemLibraryIsProtected) {
+    wchar_t system[MAX_PATH];
+    const UINT length = ::GetSystemDirectoryW(system, MAX_PATH);
+    ASSERT_GT(length, 0u);
+    ASSERT_LT(length, UINT{MAX_PATH});
+    const std::wstring library = std::wstring(system, length) + L"\\kernel32.dll";
+    const std::u16string path(library.begin(), library.end());
+
+    const bool isProtected = IsProtectedSystemFile(path);
+    if (!isProtected && RunningUnderWine())
+        GTEST_SKIP() << "Wine's SfcIsFileProtected protects nothing; covered on real Windows only";
+    EXPECT_TRUE(isProtected);
+}
+
+TEST(PlatformAttributes, SymbolicLinkIsAReparsePoint) {
+    TempDir dir;
+    const auto target = dir / "target.exe";
+    const auto link = dir / "link.exe";
+    test::WriteFile(target, "MZ");
+    // Without the privilege or developer mode Windows refuses to make links.
+    constexpr DWORD kAllowUnprivilegedCreate = 0x2;
+    if (!::CreateSymbolicLinkW(link.wstring().c_str(), target.wstring().c_str(), kAllowUnprivilegedCreate))
+        GTEST_SKIP() << "cannot create symbolic links here (error " << ::GetLastError() << ")";
+    // Wine's CreateSymbolicLinkW reports success without making anything.
+    if (::GetFileAttributesW(link.wstring().c_str()) == INVALID_FILE_ATTRIBUTES)
+        GTEST_SKIP() << "CreateSymbolicLinkW succeeded but made no link; covered on real Windows only";
+    EXPECT_TRUE(IsReparsePoint(PathText(link)));
+    EXPECT_FALSE(IsReparsePoint(PathText(target)));
+}
+
+}  // namespace
+}  // namespace zorv::platform
