@@ -1,0 +1,97 @@
+// AllowCache: remembers which (target, process, user) executions the engine
+// has already allowed, so that a repeat is answered with three hash lookups
+// instead of a rule-store query. Owned by the engine; nothing is persisted.
+//
+// Thread-safe: one mutex guards the maps and every counter update. Two reads
+// happen without it on purpose: the size test at the start of Add (a racing
+// addition may overshoot the limit by a few targets) and the counter reads of
+// AddMetrics (a metrics document may be a moment stale). Both read atomics, so
+// neither is a data race. No operation calls out of the cache under the lock.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+struct cJSON;
+
+namespace zorv {
+
+class AllowCache {
+public:
+    // Bounds memory: the cache is dropped whole at this many targets rather
+    // than aged entry by entry, so a burst of new files cannot grow it forever.
+    static constexpr size_t kMaxTargets = 4096;
+
+    // A snapshot of the counters, for metrics and tests.
+    struct Counters {
+        uint64_t add = 0;          // additions that created a target entry
+        uint64_t change = 0;       // additions that extended one
+        uint64_t clear = 0;        // clears, explicit or automatic; never reset
+        uint64_t removeHit = 0;
+        uint64_t removeMiss = 0;
+        uint64_t hit = 0;
+        uint64_t miss = 0;
+        uint64_t targetMiss = 0;
+        uint64_t processMiss = 0;
+        uint64_t userMiss = 0;
+        uint64_t lastSize = 0;     // targets right after the latest new target entry
+        uint64_t maxDepth = 0;     // most users seen under one (target, process) pair
+        uint64_t mapSize = 0;      // targets now
+    };
+
+    AllowCache() = default;
+    AllowCache(const AllowCache&) = delete;
+    AllowCache& operator=(const AllowCache&) = delete;
+
+    // Records an allowed execution. Keys are compared exactly: no case folding
+    // and no path normalisation. Always 0.
+    uint32_t Add(const std::u16string& user, const std::u16string& process, const std::u16string& target);
+    // True when exactly this triple was added since the last clear.
+    bool Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target);
+    // Forgets every process and user known for the target. Always 0.
+    uint32_t Remove(const std::u16string& target);
+    // Empties the cache and zeroes every counter but the clear count.
+    void Clear();
+
+    // Adds an "AllowCache" object with the counters to `metrics`; adds nothing
+    // when that object cannot be created.
+    void AddMetrics(cJSON* metrics) const;
+
+    Counters GetCounters() const;
+
+private:
+    using Users = std::unordered_set<std::u16string>;
+    using Processes = std::unordered_map<std::u16string, Users>;
+    using Targets = std::unordered_map<std::u16string, Processes>;
+
+    void ClearLocked();
+
+    // Counters are written under m_mutex but are atomics so that AddMetrics
+    // and the size test of Add may read them without it.
+    struct AtomicCounters {
+        std::atomic<uint64_t> add{0};
+        std::atomic<uint64_t> change{0};
+        std::atomic<uint64_t> clear{0};
+        std::atomic<uint64_t> removeHit{0};
+        std::atomic<uint64_t> removeMiss{0};
+        std::atomic<uint64_t> hit{0};
+        std::atomic<uint64_t> miss{0};
+        std::atomic<uint64_t> targetMiss{0};
+        std::atomic<uint64_t> processMiss{0};
+        std::atomic<uint64_t> userMiss{0};
+        std::atomic<uint64_t> lastSize{0};
+        std::atomic<uint64_t> maxDepth{0};
+    };
+
+    mutable std::mutex m_mutex;  // guards m_targets and every counter update
+    Targets m_targets;
+    std::atomic<size_t> m_targetCount{0};  // m_targets.size(), readable without the lock
+    AtomicCounters m_counters;
+};
+
+}  // namespace zorv
