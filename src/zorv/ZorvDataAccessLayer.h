@@ -66,7 +66,8 @@ public:
 
     static ZorvDAL& Instance();
 
-    ZorvDAL() = default;
+    // Fills the migration scripts.
+    ZorvDAL();
     // Flushes and finalizes, exactly once, if the engine did not stop first.
     ~ZorvDAL();
     ZorvDAL(const ZorvDAL&) = delete;
@@ -86,6 +87,9 @@ public:
     bool DeleteDB();
     bool PurgeDB(uint32_t kind);
     std::u16string GetErrorString();
+    // The migration scripts in order: entry 0 creates version 4, entry k
+    // raises version 3+k to 4+k.
+    static const std::vector<std::string>& SchemaScripts();
 
     // ---- Inventory lookup and trust rules (ZorvDataAccessLayerLookup.cpp) ----
 
@@ -122,6 +126,9 @@ public:
     bool SetAppControlStateValue(const std::u16string& settingName, uint64_t value);
     // The host's record as the engine's event (digests always copied).
     static void ConvertInventoryItem(const InventoryItemRecord& item, EngineEvent& event);
+    // The SHA-256 a prelinked file had before it was rewritten; UpdatePrelinkItem
+    // moves the row holding it to the event's new hash.
+    void SetPrelinkOldHash(const SHA256Hash& hash);
 
     // ---- Counts for the metrics document (ZorvDataAccessLayerMetrics.cpp) ----
 
@@ -153,6 +160,8 @@ public:
 
 private:
     using Statement = std::shared_ptr<sqlite3_stmt>;
+    // Tests hold statement references and call Finalize as an operation would.
+    friend struct ZorvDALTestPeer;
 
     // ZorvDataAccessLayer.cpp
     bool _InitDB(bool readOnly);
@@ -197,6 +206,7 @@ private:
 
     std::shared_ptr<sqlite3> m_DB;  // deleter sqlite3_close_v2; empty when closed
     std::u16string m_dbPath;
+    SHA256Hash m_prelinkOldHash;  // guarded by the database lock; empty until set
 
     std::deque<EngineEvent> m_pendingItems;
     std::deque<TrustRuleRecord> m_pendingTrustRules;
