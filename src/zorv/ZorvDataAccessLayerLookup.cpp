@@ -1,11 +1,687 @@
+// Inventory lookup and trust-rule matching: the two questions the decision
+// code asks the rule store on every execution event.
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Zorv.h"
 #include "ZorvDataAccessLayer.h"
+#include "ZorvLogger.h"
+#include "ZorvStats.h"
+#include "ZorvText.h"
 
 namespace zorv {
 
-bool ZorvDAL::IsAllowedInDB(EngineEvent&) { return false; }
-bool ZorvDAL::IsFoundInTrustRules(uint32_t, EngineEvent&) { return false; }
-bool ZorvDAL::UpdateHitcount(int32_t, int32_t) { return false; }
-bool ZorvDAL::MatchEventPathWithRulePath(std::u16string, std::u16string) { return false; }
-bool ZorvDAL::WildcardMatch(std::u16string_view, std::u16string_view) { return false; }
+namespace {
+
+constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
+
+// ---- Wildcard patterns ----
+
+bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
+
+// One element of a compiled pattern. A "**" followed by a separator becomes
+// two: the position at a level boundary, where the element may end, and the
+// position inside a level, where it may not, so that only whole levels match.
+enum class PatternElement : uint8_t {
+    Literal,   // the unit itself
+    AnyOne,    // '?': one unit that is not a separator
+    AnyRun,    // '*': any run of units that are not separators
+    AnyLevels, // "**\" or "**/": empty, or any run ending in a separator
+    LevelsMid  // inside a level of the AnyLevels element just before it
+};
+
+struct CompiledPattern {
+    std::vector<PatternElement> kinds;
+    std::vector<char16_t> units;  // the literal for Literal elements
+};
+
+CompiledPattern Compile(std::u16string_view pattern) {
+    CompiledPattern compiled;
+    compiled.kinds.reserve(pattern.size());
+    compiled.units.reserve(pattern.size());
+    for (size_t i = 0; i < pattern.size(); ++i) {
+        const char16_t unit = pattern[i];
+        PatternElement kind = PatternElement::Literal;
+        if (unit == u'?') {
+            kind = PatternElement::AnyOne;
+        } else if (unit == u'*') {
+            if (i + 2 < pattern.size() && pattern[i + 1] == u'*' && IsSeparator(pattern[i + 2])) {
+                kind = PatternElement::AnyLevels;
+                i += 2;
+            } else {
+                kind = PatternElement::AnyRun;
+            }
+        }
+        // Adjacent runs of '*' accept the same texts as one; folding them keeps
+        // the state set small for patterns like "a***b".
+        if (kind == PatternElement::AnyRun && !compiled.kinds.empty() &&
+            compiled.kinds.back() == PatternElement::AnyRun) {
+            continue;
+        }
+        compiled.kinds.push_back(kind);
+        compiled.units.push_back(unit);
+        if (kind == PatternElement::AnyLevels) {
+            compiled.kinds.push_back(PatternElement::LevelsMid);
+            compiled.units.push_back(unit);
+        }
+    }
+    return compiled;
+}
+
+// A set of pattern positions, one bit each.
+class StateSet {
+public:
+    explicit StateSet(size_t count) : m_words((count + 63) / 64, 0) {}
+    bool Test(size_t i) const { return (m_words[i / 64] >> (i % 64)) & 1u; }
+    void Set(size_t i) { m_words[i / 64] |= uint64_t{1} << (i % 64); }
+    void Clear() { std::fill(m_words.begin(), m_words.end(), 0); }
+    bool Empty() const {
+        for (uint64_t word : m_words) {
+            if (word != 0) return false;
+        }
+        return true;
+    }
+    // Index of the first set bit at or after `from`, or `limit` when none.
+    size_t Next(size_t from, size_t limit) const {
+        while (from < limit) {
+            const uint64_t word = m_words[from / 64] >> (from % 64);
+            if (word != 0) return from + static_cast<size_t>(std::countr_zero(word));
+            from = (from / 64 + 1) * 64;
+        }
+        return limit;
+    }
+    void Swap(StateSet& other) { m_words.swap(other.m_words); }
+
+private:
+    std::vector<uint64_t> m_words;
+};
+
+// The elements that may match nothing let the position after them be reached
+// too. Positions only move forward, so one ascending pass closes the set.
+void CloseOverEmptyRuns(const CompiledPattern& pattern, StateSet& states) {
+    const size_t count = pattern.kinds.size();
+    for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
+        const PatternElement kind = pattern.kinds[i];
+        if (kind == PatternElement::AnyRun) states.Set(i + 1);
+        // At a level boundary the levels may end: skip the inside position too.
+        if (kind == PatternElement::AnyLevels) states.Set(i + 2);
+    }
+}
+
+// Simulates the pattern as an automaton over the text: each text unit moves
+// every reachable position at once. Cost is at most text length times pattern
+// length, whatever the pattern, and nothing recurses.
+bool MatchCompiled(std::u16string_view text, const CompiledPattern& pattern) {
+    const size_t count = pattern.kinds.size();
+    StateSet current(count + 1);
+    StateSet next(count + 1);
+    current.Set(0);
+    CloseOverEmptyRuns(pattern, current);
+    for (const char16_t unit : text) {
+        next.Clear();
+        const bool separator = IsSeparator(unit);
+        for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
+            switch (pattern.kinds[i]) {
+                case PatternElement::Literal:
+                    if (pattern.units[i] == unit) next.Set(i + 1);
+                    break;
+                case PatternElement::AnyOne:
+                    if (!separator) next.Set(i + 1);
+                    break;
+                case PatternElement::AnyRun:
+                    if (!separator) next.Set(i);
+                    break;
+                case PatternElement::AnyLevels:
+                    next.Set(separator ? i : i + 1);
+                    break;
+                case PatternElement::LevelsMid:
+                    next.Set(separator ? i - 1 : i);
+                    break;
+            }
+        }
+        if (next.Empty()) return false;
+        CloseOverEmptyRuns(pattern, next);
+        current.Swap(next);
+    }
+    return current.Test(count);
+}
+
+// ---- Database helpers ----
+
+// Takes the database lock with the TRACE pair of every locked operation: the
+// first line before waiting, the second just before releasing.
+class TracedLock {
+public:
+    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
+        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
+        ZORV_LOG(kLogTrace, m_function, lockLine);
+        m_mutex.lock();
+    }
+    ~TracedLock() {
+        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
+        m_mutex.unlock();
+    }
+    TracedLock(const TracedLock&) = delete;
+    TracedLock& operator=(const TracedLock&) = delete;
+
+private:
+    std::mutex& m_mutex;
+    const char16_t* m_function;
+    const char16_t* m_unlockLine;
+};
+
+// Columns of "SELECT * FROM InventoryItems".
+constexpr int kItemId = 0;
+constexpr int kItemIsAuthorized = 9;
+constexpr int kItemSource = 10;
+constexpr int kItemRuleset = 11;
+
+// Columns of the trust-rule lookup.
+constexpr int kRuleId = 0;
+constexpr int kRulePaths = 1;
+constexpr int kRuleHitcount = 2;
+constexpr int kRuleProcessName = 3;
+constexpr int kRuleRuleset = 4;
+constexpr int kRuleProcGroup = 5;
+
+// The value of EngineEvent::trustOrigin that says a trust rule accepted the event.
+constexpr uint64_t kTrustOriginTrustRule = 4;
+
+// Issuer fields in their fixed order CN, C, S, L, O, OU.
+constexpr size_t kIssuerCount = 6;
+constexpr std::array<const char*, kIssuerCount> kIssuerParameters = {":issuerCN", ":issuerC", ":issuerS",
+                                                                     ":issuerL",  ":issuerO", ":issuerOU"};
+
+void ResetStatement(sqlite3_stmt* stmt) {
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+}
+
+std::u16string ColumnText(sqlite3_stmt* stmt, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+    if (text == nullptr) return {};
+    return Utf8ToUtf16(std::string_view(text, static_cast<size_t>(sqlite3_column_bytes(stmt, column))));
+}
+
+bool BindDigest(sqlite3_stmt* stmt, const char* name, const Hash& hash) {
+    const int index = sqlite3_bind_parameter_index(stmt, name);
+    return index != 0 && sqlite3_bind_blob(stmt, index, hash.Bytes(), static_cast<int>(hash.DigestSize()),
+                                           SQLITE_TRANSIENT) == SQLITE_OK;
+}
+
+bool BindSizeAndHash(sqlite3_stmt* stmt, const EngineEvent& event) {
+    const int size = sqlite3_bind_parameter_index(stmt, ":size");
+    return size != 0 && sqlite3_bind_int64(stmt, size, static_cast<sqlite3_int64>(event.size)) == SQLITE_OK &&
+           BindDigest(stmt, ":hash", event.fileSha256);
+}
+
+// The lookup compares with '=', so an empty text must stay '' here: NULL would
+// match no rule at all, while '' matches only rules without that condition.
+int BindLookupText(sqlite3_stmt* stmt, const char* name, std::u16string_view text) {
+    const std::string utf8 = Utf16ToUtf8(text);
+    return sqlite3_bind_text(stmt, sqlite3_bind_parameter_index(stmt, name), utf8.c_str(), -1, SQLITE_TRANSIENT);
+}
+
+void SetVerdict(EngineEvent& event, bool allowed, uint32_t reason) {
+    event.dbVerdict = allowed ? AC_DB_ALLOWED : AC_DB_BLOCKED;
+    event.isAuthorized = reason;
+}
+
+// What one trust type compares against the rules. Texts that keep their case
+// point into the event; the lower-cased ones are copies.
+struct TrustAttributes {
+    std::u16string processName;
+    const std::u16string* signerName = nullptr;
+    const std::u16string* productName = nullptr;
+    const std::u16string* companyName = nullptr;
+    std::array<std::u16string, kIssuerCount> issuer;
+    const SHA256Hash* sha256 = nullptr;
+    std::u16string user;
+    std::u16string group;
+};
+
+bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustAttributes& out) {
+    static const std::u16string kEmpty;
+    out.processName = ToLower(event.processName);
+    switch (trustType) {
+        case 1:
+            out.signerName = &event.processSignerName;
+            out.productName = &event.processProductName;
+            out.companyName = &event.processCompanyName;
+            std::copy(std::begin(event.processIssuer), std::end(event.processIssuer), out.issuer.begin());
+            out.sha256 = &event.processSha256;
+            break;
+        case 2:
+        case 4:
+            out.signerName = &event.fileSignerName;
+            out.productName = &event.fileProductName;
+            out.companyName = &event.fileCompanyName;
+            std::copy(std::begin(event.fileIssuer), std::end(event.fileIssuer), out.issuer.begin());
+            out.sha256 = &event.fileSha256;
+            break;
+        case 3:
+            // Exclusion by process name alone: every other condition is bound
+            // empty, so only rules without one can match.
+            out.signerName = out.productName = out.companyName = &kEmpty;
+            return true;
+        default:
+            return false;
+    }
+    out.user = ToLower(event.user);
+    out.group = ToLower(event.group);
+    return true;
+}
+
+// The SQL INSTR only says the rule's group occurs somewhere in the list; here
+// one whole ','-separated member must equal it ("admin" is not "administrators").
+bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
+    size_t start = 0;
+    while (start <= groups.size()) {
+        size_t end = groups.find(u',', start);
+        if (end == std::u16string_view::npos) end = groups.size();
+        if (groups.substr(start, end - start) == wanted) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool ZorvDAL::WildcardMatch(std::u16string_view text, std::u16string_view pattern) {
+    if (text == pattern) return true;
+    // Without wildcards only equality can match; the separator rewriting below
+    // must not turn a plain directory name into a pattern.
+    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return false;
+
+    std::u16string rewritten(pattern);
+    // "dir\**" means everything below dir, and "dir\" the files directly in it.
+    if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
+    if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
+    return MatchCompiled(text, Compile(rewritten));
+}
+
+bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string patterns) {
+    ToLowerInPlace(text);
+    ToLowerInPlace(patterns);
+    size_t start = 0;
+    while (start <= patterns.size()) {
+        size_t end = patterns.find(u';', start);
+        if (end == std::u16string::npos) end = patterns.size();
+        const std::u16string_view pattern(patterns.data() + start, end - start);
+        if (!pattern.empty() && WildcardMatch(text, pattern)) {
+            ZORV_LOG(kLogTrace, u"ZorvDAL::MatchEventPathWithRulePath",
+                     u"Match found between event path [%s] and rule path [%s]", text, pattern);
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+// ---- Inventory lookup ----
+
+bool ZorvDAL::IsAllowedInDB(EngineEvent& event) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::IsAllowedInDB", u"IsAllowedInDB lock", u"IsAllowedInDB unlock");
+    return IsAllowedInDBInternal(event);
+}
+
+ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBSearch";
+    rc = SQLITE_ERROR;
+    if (!m_DB) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        return {};
+    }
+
+    // 1. Ruleset rows (sources 1 and 2) by SHA-256 and size.
+    Statement ruleset = m_pLookupItemAuthRulesetStmt;
+    if (!ruleset) {
+        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthRulesetStmt is released");
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        return {};
+    }
+    if (!event.fileSha256.IsSet()) {
+        ZORV_LOG(kLogError, kFunction, u"SHA256 value is empty, unable to create query");
+        return {};
+    }
+    if (!BindSizeAndHash(ruleset.get(), event)) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        sqlite3_clear_bindings(ruleset.get());
+        return {};
+    }
+    rc = sqlite3_step(ruleset.get());
+    if (rc == SQLITE_ROW) return ruleset;
+    ZORV_LOG(kLogTrace, kFunction,
+             u"Did not find sha256 match with source=2 or source=1. Checking for sha1 or md5 match");
+    ResetStatement(ruleset.get());
+
+    // 2. and 3. Rules known only by SHA-1 or MD5. The counts keep the common
+    // case at the one indexed query above: most stores hold no such rules.
+    sqlite3_stmt* lastUsed = nullptr;
+    const int64_t sha1Rules = m_sha1RuleCount;
+    if (sha1Rules != 0 && event.fileSha1.IsSet()) {
+        ZORV_LOG(kLogTrace, kFunction, u"The number of sha1 rules is: %d", sha1Rules);
+        Statement sha1 = m_pLookupItemAlternateSHA1HashStmt;
+        if (!sha1) {
+            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateSHA1HashStmt is released");
+            event.dbVerdict = AC_DB_NOT_KNOWN;
+            return {};
+        }
+        if (!BindDigest(sha1.get(), ":sha1", event.fileSha1)) {
+            ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from sha1");
+            event.dbVerdict = AC_DB_NOT_KNOWN;
+            sqlite3_clear_bindings(sha1.get());
+            return {};
+        }
+        rc = sqlite3_step(sha1.get());
+        if (rc == SQLITE_ROW) return sha1;
+        ResetStatement(sha1.get());
+    }
+    const int64_t md5Rules = m_md5RuleCount;
+    if (md5Rules != 0 && event.fileMd5.IsSet()) {
+        ZORV_LOG(kLogTrace, kFunction, u"The number of md5 rules is: %d", md5Rules);
+        Statement md5 = m_pLookupItemAlternateMD5HashStmt;
+        if (!md5) {
+            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateMD5HashStmt is released");
+            event.dbVerdict = AC_DB_NOT_KNOWN;
+            return {};
+        }
+        if (!BindDigest(md5.get(), ":md5", event.fileMd5)) {
+            ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from md5");
+            event.dbVerdict = AC_DB_NOT_KNOWN;
+            sqlite3_clear_bindings(md5.get());
+            return {};
+        }
+        rc = sqlite3_step(md5.get());
+        if (rc == SQLITE_ROW) return md5;
+        lastUsed = md5.get();
+    }
+    ZORV_LOG(kLogTrace, kFunction, u"Did not find item with source=2 or source=1.");
+    if (lastUsed != nullptr) ResetStatement(lastUsed);
+
+    // 4. Any row by SHA-256 and size.
+    Statement any = m_pLookupItemAuthStmt;
+    if (!any) {
+        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthStmt is released");
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        return {};
+    }
+    if (!BindSizeAndHash(any.get(), event)) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        sqlite3_clear_bindings(any.get());
+        return {};
+    }
+    rc = sqlite3_step(any.get());
+    return any;
+}
+
+bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBInternal";
+    int rc = SQLITE_ERROR;
+    Statement found = IsAllowedInDBSearch(event, rc);
+    if (!found) return false;
+    // Reset and cleared however this ends, also after a step error.
+    const StatementUse use(std::move(found));
+    sqlite3_stmt* row = use.get();
+
+    bool read = false;
+    while (rc == SQLITE_ROW) {
+        read = true;
+        const int source = sqlite3_column_int(row, kItemSource);
+        const int isAuthorized = sqlite3_column_int(row, kItemIsAuthorized);
+        ZORV_LOG(kLogTrace, kFunction, u"Found result in inventory with Source= %d and isAuthorized= %d.", source,
+                 isAuthorized);
+        switch (source) {
+            case 1:
+                SetVerdict(event, true, AC_REASON_APPROVED);
+                break;
+            case 2: {
+                const bool allowed = IsAllowedInRuleSet(row, event);
+                SetVerdict(event, allowed, allowed ? AC_REASON_APPROVED : AC_REASON_BLOCKED);
+                break;
+            }
+            case 3:
+                // Approved whatever the answer: a scanned item is known, only
+                // the rebuild state may veto running it.
+                SetVerdict(event, IsAllowedInInventory(row, event), AC_REASON_APPROVED);
+                break;
+            default:
+                // An item that was never authorized leaves the verdict to the caller.
+                if (isAuthorized != 0) SetVerdict(event, IsAllowedInDrift(row, event), AC_REASON_APPROVED);
+                break;
+        }
+        event.source = static_cast<uint32_t>(source);
+        event.ruleset = ColumnText(row, kItemRuleset);
+        rc = sqlite3_step(row);
+    }
+    if (rc != SQLITE_DONE) {
+        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
+        return false;
+    }
+    if (!read) {
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        event.isAuthorized = AC_REASON_NONE;
+        ZORV_LOG(kLogTrace, kFunction, u"No results found in database");
+    }
+    return true;
+}
+
+bool ZorvDAL::IsAllowedInRuleSet(sqlite3_stmt* row, EngineEvent&) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInRuleSet";
+    ZORV_LOG(kLogTrace, kFunction, u"Checking %s\n", u"IsAllowedInRuleSet");
+    const AppControlConfig& config = AppControlConfig::Instance();
+    const uint64_t id = static_cast<uint64_t>(sqlite3_column_int64(row, kItemId));
+    const bool authorized = sqlite3_column_int(row, kItemIsAuthorized) != 0;
+    const uint32_t importState = config.ImportState();
+    switch (importState) {
+        case 0:
+            return authorized;
+        case 1:
+            // Rows above the remembered maximum arrived with the import that is
+            // still running and are not in force yet.
+            return id <= config.MaxInventoryItemId() && authorized;
+        case 2:
+            // Rows at or below the boundary belong to the ruleset being replaced.
+            return id > config.ImportBoundaryId() && authorized;
+        default:
+            ZORV_LOG(kLogError, kFunction, u"Unsupported importState: %d\n", importState);
+            return false;
+    }
+}
+
+bool ZorvDAL::IsAllowedInInventory(sqlite3_stmt* row, EngineEvent&) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInInventory";
+    ZORV_LOG(kLogTrace, kFunction, u"Checking if allowed in inventory!");
+    const AppControlConfig& config = AppControlConfig::Instance();
+    const uint32_t rebuildState = config.RebuildState();
+    ZORV_LOG(kLogTrace, kFunction, u"Rebuild state: %d", rebuildState);
+    // Read as 32 bits, unlike the other checks: ids beyond 2^31 wrap here, and
+    // stores in the field depend on this reading staying as it is.
+    const uint64_t id = static_cast<uint64_t>(static_cast<int64_t>(sqlite3_column_int(row, kItemId)));
+    switch (rebuildState) {
+        case 0:
+            ZORV_LOG(kLogTrace, kFunction, u"REBUILD_STATE_IDLE returning true from IsAllowedInInventory");
+            return true;
+        case 1:
+            ZORV_LOG(kLogTrace, kFunction,
+                     u"REBUILD_STATE_SCAN checking inventory item id less than max inventory item id");
+            return id <= config.MaxInventoryItemId();
+        case 2:
+            ZORV_LOG(kLogTrace, kFunction,
+                     u"REBUILD_STATE_SCAN checking inventory item id greater than max inventory item id");
+            return id > config.MaxInventoryItemId();
+        default:
+            ZORV_LOG(kLogError, kFunction, u"Unsupported rebuildState: %d\n", rebuildState);
+            return false;
+    }
+}
+
+bool ZorvDAL::IsAllowedInDrift(sqlite3_stmt* row, EngineEvent&) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDrift";
+    ZORV_LOG(kLogTrace, kFunction, u"Checking %s\n", u"IsAllowedInDrift");
+    const AppControlConfig& config = AppControlConfig::Instance();
+    const uint32_t rebuildState = config.RebuildState();
+    switch (rebuildState) {
+        case 0:
+        case 1:
+            return true;
+        case 2:
+            return static_cast<uint64_t>(sqlite3_column_int64(row, kItemId)) > config.MaxInventoryItemId();
+        default:
+            ZORV_LOG(kLogError, kFunction, u"Unsupported rebuildState: %d\n", rebuildState);
+            return false;
+    }
+}
+
+// ---- Trust rules ----
+
+bool ZorvDAL::IsFoundInTrustRules(uint32_t trustType, EngineEvent& event) {
+    // The flag saves every event a query while the store holds no rules.
+    if (!m_trustRulesEnabled) {
+        ZORV_LOG(kLogTrace, u"ZorvDAL::IsFoundInTrustRules", u"TrustRules are not enabled");
+        return false;
+    }
+    TracedLock lock(m_dbLock, u"ZorvDAL::IsFoundInTrustRules", u"IsFoundInTrustRules lock",
+                    u"IsFoundInTrustRules unlock");
+    return IsFoundInTrustRulesInternal(trustType, event);
+}
+
+bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRulesInternal";
+    if (!m_DB) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        return false;
+    }
+    Statement held = m_pLookupTrustRuleStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pLookupTrustRuleStmt is released");
+        return false;
+    }
+
+    TrustAttributes attributes;
+    if (!CollectTrustAttributes(trustType, event, attributes)) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unknown trust rule type");
+        return false;
+    }
+
+    const StatementUse use(std::move(held));
+    sqlite3_stmt* stmt = use.get();
+    int bound = BindLookupText(stmt, ":processName", attributes.processName);
+    if (bound == SQLITE_OK) bound = sqlite3_bind_int(stmt, sqlite3_bind_parameter_index(stmt, ":trustType"),
+                                                    static_cast<int>(trustType));
+    if (bound == SQLITE_OK) bound = BindLookupText(stmt, ":signerName", *attributes.signerName);
+    if (bound == SQLITE_OK) bound = BindLookupText(stmt, ":productName", *attributes.productName);
+    if (bound == SQLITE_OK) bound = BindLookupText(stmt, ":companyName", *attributes.companyName);
+    if (bound == SQLITE_OK) {
+        const int index = sqlite3_bind_parameter_index(stmt, ":sha256");
+        bound = attributes.sha256 != nullptr && attributes.sha256->IsSet()
+                    ? sqlite3_bind_blob(stmt, index, attributes.sha256->Bytes(),
+                                        static_cast<int>(attributes.sha256->DigestSize()), SQLITE_TRANSIENT)
+                    : sqlite3_bind_null(stmt, index);
+    }
+    for (size_t i = 0; i < kIssuerCount && bound == SQLITE_OK; ++i) {
+        bound = BindLookupText(stmt, kIssuerParameters[i], attributes.issuer[i]);
+    }
+    if (bound != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
+        return false;
+    }
+    if (BindLookupText(stmt, ":procUser", attributes.user) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procUser");
+        return false;
+    }
+    if (BindLookupText(stmt, ":procGroup", attributes.group) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procGroup");
+        return false;
+    }
+
+    int rc = SQLITE_ERROR;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        ZORV_LOG(kLogTrace, kFunction,
+                 u"Found potential trust rule to apply to drift. Checking for trusted path, process name and groups");
+        // SQL can only pre-filter wildcard names and group lists; the exact
+        // tests are made here.
+        if (sqlite3_column_type(stmt, kRuleProcessName) != SQLITE_NULL &&
+            !MatchEventPathWithRulePath(attributes.processName, ColumnText(stmt, kRuleProcessName))) {
+            continue;
+        }
+        if (sqlite3_column_type(stmt, kRuleProcGroup) != SQLITE_NULL &&
+            !GroupListContains(attributes.group, ColumnText(stmt, kRuleProcGroup))) {
+            continue;
+        }
+        if (sqlite3_column_type(stmt, kRulePaths) == SQLITE_NULL) {
+            ZORV_LOG(kLogTrace, kFunction, u"No path specified for trust rule. Allow all path");
+            ZORV_LOG(kLogTrace, kFunction, u"process %s is found in trust rule", attributes.processName);
+        } else if (MatchEventPathWithRulePath(event.name, ColumnText(stmt, kRulePaths))) {
+            ZORV_LOG(kLogTrace, kFunction, u"process %s with path %s is found in trust rule",
+                     attributes.processName, event.name);
+        } else {
+            continue;
+        }
+
+        const int32_t trustRuleId = sqlite3_column_int(stmt, kRuleId);
+        event.trustOrigin = kTrustOriginTrustRule;
+        if (sqlite3_column_type(stmt, kRuleRuleset) != SQLITE_NULL) event.ruleset = ColumnText(stmt, kRuleRuleset);
+        // Only the first hit is stored here; the true count lives in the
+        // statistics and is written back in bulk when the engine stops.
+        if (sqlite3_column_int64(stmt, kRuleHitcount) == 0) UpdateHitcountInternal(trustRuleId, 0);
+        ZorvStats::Instance().IncrementTrustRuleHitCount(trustRuleId);
+        return true;
+    }
+    if (rc != SQLITE_DONE) {
+        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
+        return false;
+    }
+    ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
+    ZORV_LOG(kLogTrace, kFunction,
+             u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
+             u"productName='%s' companyName='%s' issuerCN='%s' IssuerC='%s' IssuerS='%s' IssuerL='%s' "
+             u"IssuerO='%s' IssuerOU='%s' procUser='%s' procGroup='%s'",
+             attributes.processName, event.name, trustType, *attributes.signerName, *attributes.productName,
+             *attributes.companyName, attributes.issuer[0], attributes.issuer[1], attributes.issuer[2],
+             attributes.issuer[3], attributes.issuer[4], attributes.issuer[5], attributes.user, attributes.group);
+    return false;
+}
+
+bool ZorvDAL::UpdateHitcount(int32_t trustRuleId, int32_t hitcount) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::UpdateHitcount", u"UpdateHitcount lock", u"UpdateHitcount unlock");
+    return UpdateHitcountInternal(trustRuleId, hitcount);
+}
+
+bool ZorvDAL::UpdateHitcountInternal(int32_t trustRuleId, int32_t hitcount) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::UpdateHitcountInternal";
+    if (!m_DB) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        return false;
+    }
+    Statement held = m_pUpdateTrustRuleHitcountStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pUpdateTrustRuleHitcountStmt is released");
+        return false;
+    }
+    const StatementUse use(std::move(held));
+    sqlite3_stmt* stmt = use.get();
+    // Stored one above the given value; the statistics writer passes its count
+    // minus one, which keeps "hitcount >= 1" selecting rules matched twice.
+    if (sqlite3_bind_int(stmt, sqlite3_bind_parameter_index(stmt, ":hitcount"), hitcount + 1) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind hitcount");
+        return false;
+    }
+    if (sqlite3_bind_int(stmt, sqlite3_bind_parameter_index(stmt, ":trustRuleId"), trustRuleId) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind trustRuleId");
+        return false;
+    }
+    // Not checked: a lost first-hit mark is repaired by the bulk write at stop.
+    sqlite3_step(stmt);
+    return true;
+}
 
 }  // namespace zorv

@@ -1,24 +1,601 @@
+// ZorvDAL storage: inventory items, trust rules and user-list entries, written
+// one at a time or through the write-behind buffers, the prelink update, the
+// removal of superseded items and the AppControlState accessors.
+#include <limits>
+#include <string>
+#include <utility>
+
 #include "ZorvDataAccessLayer.h"
+#include "ZorvLogger.h"
+#include "ZorvQuery.h"
+#include "ZorvStats.h"
+#include "ZorvText.h"
 
 namespace zorv {
 
-uint64_t ZorvDAL::StoreItem(EngineEvent&) { return 0; }
-uint64_t ZorvDAL::StoreItem(const InventoryItemRecord&) { return 0; }
-uint64_t ZorvDAL::StoreItemBuffer(EngineEvent&) { return 0; }
-uint64_t ZorvDAL::StoreItemBuffer(const InventoryItemRecord&) { return 0; }
-uint64_t ZorvDAL::StoreItemFlush() { return 0; }
-uint64_t ZorvDAL::StoreTrustRule(const TrustRuleRecord&) { return 0; }
-uint64_t ZorvDAL::StoreTrustRuleBuffer(const TrustRuleRecord&) { return 0; }
-uint64_t ZorvDAL::StoreTrustRuleFlush() { return 0; }
-uint64_t ZorvDAL::StoreUserList(const UserListRecord&) { return 0; }
-uint64_t ZorvDAL::StoreUserListBuffer(const UserListRecord&) { return 0; }
-uint64_t ZorvDAL::StoreUserListFlush() { return 0; }
-bool ZorvDAL::StoreEventItem(EngineEvent&) { return true; }
-bool ZorvDAL::UpdatePrelinkItem(EngineEvent&) { return false; }
-bool ZorvDAL::DeleteInventoryItems(const EngineEvent&) { return false; }
-bool ZorvDAL::GetAppControlState(const std::u16string&, std::u16string&) { return false; }
-bool ZorvDAL::SetAppControlState(const std::u16string&, const std::u16string&) { return false; }
-bool ZorvDAL::SetAppControlStateValue(const std::u16string&, uint64_t) { return false; }
-void ZorvDAL::ConvertInventoryItem(const InventoryItemRecord&, EngineEvent&) {}
+namespace {
+
+constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
+
+// A buffer is written out once an append leaves more than this many entries.
+constexpr size_t kBufferFlushThreshold = 50;
+
+constexpr char kInsertItemTempTableSQL[] =
+    "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "
+    "isAuthorized, ruleset ) VALUES( :md5, :sha1, :sha256, :source, :fileName, :path, :nativePath, :size, "
+    ":recordTime, :isAuthorized, :ruleset );";
+constexpr char kInsertTrustRuleTempTableSQL[] =
+    "INSERT INTO Temp_TrustRules( processName, paths, trustType, signerName, productName, companyName, sha256, "
+    "issuerCN, issuerC, issuerL, issuerS, issuerO, issuerOU, ruleset, procUser, procGroup, userList ) VALUES( "
+    ":processName, :paths, :trustType, :signerName, :productName, :companyName, :sha256, :issuerCN, :issuerC, "
+    ":issuerL, :issuerS, :issuerO, :issuerOU, :ruleset, :procUser, :procGroup, :userList );";
+constexpr char kInsertUserListTempTableSQL[] = "INSERT INTO Temp_UserList( id, user ) VALUES( :id, :user );";
+
+// Issuer fields in their fixed order CN, C, S, L, O, OU.
+constexpr const char* kIssuerParameters[6] = {":issuerCN", ":issuerC", ":issuerS",
+                                              ":issuerL",  ":issuerO", ":issuerOU"};
+constexpr const char16_t* kIssuerDisplayNames[6] = {u"IssuerCN", u"IssuerC", u"IssuerS",
+                                                    u"IssuerL",  u"IssuerO", u"IssuerOU"};
+
+// Takes the database lock with the TRACE pair every locked operation logs:
+// the first line before waiting, the second just before releasing.
+class TracedLock {
+public:
+    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
+        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
+        ZORV_LOG(kLogTrace, m_function, lockLine);
+        m_mutex.lock();
+    }
+    ~TracedLock() {
+        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
+        m_mutex.unlock();
+    }
+    TracedLock(const TracedLock&) = delete;
+    TracedLock& operator=(const TracedLock&) = delete;
+
+private:
+    std::mutex& m_mutex;
+    const char16_t* m_function;
+    const char16_t* m_unlockLine;
+};
+
+int ParameterIndex(sqlite3_stmt* stmt, const char* name) { return sqlite3_bind_parameter_index(stmt, name); }
+
+// Records store an empty text as NULL, which the lookups read as "any".
+int BindText(sqlite3_stmt* stmt, const char* name, std::u16string_view text) {
+    const int index = ParameterIndex(stmt, name);
+    if (text.empty()) return sqlite3_bind_null(stmt, index);
+    const std::string utf8 = Utf16ToUtf8(text);
+    return sqlite3_bind_text(stmt, index, utf8.data(), static_cast<int>(utf8.size()), SQLITE_TRANSIENT);
+}
+
+// A setting's value is kept as given: an empty text stays '' (the default
+// 'inventoryCookie' row holds '', and the export joins on its presence).
+int BindTextAsIs(sqlite3_stmt* stmt, const char* name, std::u16string_view text) {
+    const std::string utf8 = Utf16ToUtf8(text);
+    return sqlite3_bind_text(stmt, ParameterIndex(stmt, name), utf8.data(), static_cast<int>(utf8.size()),
+                             SQLITE_TRANSIENT);
+}
+
+// An absent digest leaves the parameter NULL, which is what clear_bindings left.
+int BindDigest(sqlite3_stmt* stmt, const char* name, const Hash& hash) {
+    if (!hash.IsSet()) return SQLITE_OK;
+    return sqlite3_bind_blob(stmt, ParameterIndex(stmt, name), hash.Bytes(), static_cast<int>(hash.DigestSize()),
+                             SQLITE_TRANSIENT);
+}
+
+int BindInt64(sqlite3_stmt* stmt, const char* name, uint64_t value) {
+    return sqlite3_bind_int64(stmt, ParameterIndex(stmt, name), static_cast<sqlite3_int64>(value));
+}
+
+int BindInt(sqlite3_stmt* stmt, const char* name, int value) {
+    return sqlite3_bind_int(stmt, ParameterIndex(stmt, name), value);
+}
+
+// The stored isAuthorized column. Any non-zero value reads as allowed, so an
+// unknown state errs on the side of the allow list; that is deliberate.
+int StoredAuthorization(uint32_t state) {
+    switch (state) {
+        case 1:
+        case 3:
+        case 4:
+            return 1;
+        case 2:
+            return 0;
+        default:
+            ZORV_LOG(kLogWarning, u"ZorvDAL::StoreItemInternal",
+                     u"Unhandled authorizedState %d, default to on the allow list(3)", state);
+            return 3;
+    }
+}
+
+// The extension tables are immutable, so one copy serves every thread; the
+// store must answer without an engine too (store_item during an import, shutdown).
+const ZorvQuery& ExtensionTables() {
+    static const ZorvQuery tables;
+    return tables;
+}
+
+// Prepares one of the import's temp-table inserts on first use. A failure
+// leaves the handle empty so the next call tries again.
+bool PrepareTempTableStatement(const std::shared_ptr<sqlite3>& db, std::shared_ptr<sqlite3_stmt>& stmt,
+                               const char* sql, const char16_t* function, const char16_t* failureLine) {
+    if (stmt) return true;
+    if (!db) {
+        ZORV_LOG(kLogError, function, u"m_DB is released");
+        return false;
+    }
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db.get(), sql, -1, &raw, nullptr) != SQLITE_OK || raw == nullptr) {
+        sqlite3_finalize(raw);
+        ZORV_LOG(kLogError, function, failureLine, sqlite3_errmsg(db.get()));
+        return false;
+    }
+    stmt.reset(raw, sqlite3_finalize);
+    return true;
+}
+
+// Steps an insert; the new row id on SQLITE_DONE, 0 otherwise.
+uint64_t StepInsert(sqlite3_stmt* stmt, const char16_t* function) {
+    const int rc = sqlite3_step(stmt);
+    if (rc != SQLITE_DONE) {
+        ZORV_LOG(kLogWarning, function, u"Unable to execute sqlite insert statement. Error code: %d", rc);
+        return 0;
+    }
+    return static_cast<uint64_t>(sqlite3_last_insert_rowid(sqlite3_db_handle(stmt)));
+}
+
+}  // namespace
+
+// ---- Conversion ----
+
+void ZorvDAL::ConvertInventoryItem(const InventoryItemRecord& item, EngineEvent& event) {
+    event.fileName = FromHostText(item.fileName);
+    event.path = FromHostText(item.path);
+    event.name = FromHostText(item.fullPath);
+    // The lookup name is what the insert stores as the native path.
+    event.lookupName = event.name;
+    event.size = item.size;
+    event.source = item.source;
+    event.isAuthorized = item.isAuthorized != 0 ? 3 : 2;
+    event.ruleset = FromHostText(item.ruleset);
+    // The host always sends the three digests; zeroed ones are stored as zeroes.
+    event.fileMd5.SetFromBytes(item.md5);
+    event.fileSha1.SetFromBytes(item.sha1);
+    event.fileSha256.SetFromBytes(item.sha256);
+}
+
+// ---- Inventory items ----
+
+uint64_t ZorvDAL::StoreItem(EngineEvent& event) {
+    // The exclusion check takes and releases the lock itself.
+    if (IsFoundInTrustRules(3, event)) {
+        ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItem", u"StoreItem exclude path: %s ", event.name);
+        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        return 0;
+    }
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreItem", u"StoreItem lock", u"StoreItem unlock");
+    return StoreItemInternal(event, false);
+}
+
+uint64_t ZorvDAL::StoreItem(const InventoryItemRecord& item) {
+    EngineEvent event;
+    ConvertInventoryItem(item, event);
+    return StoreItem(event);
+}
+
+uint64_t ZorvDAL::StoreItemBuffer(EngineEvent& event) {
+    if (IsFoundInTrustRules(3, event)) {
+        ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItemBuffer", u"StoreItemBuffer exclude path: %s ", event.name);
+        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        // An excluded item counts as handled for the buffered caller.
+        return 1;
+    }
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreItemBuffer", u"StoreItemBuffer lock", u"StoreItemBuffer unlock");
+    m_pendingItems.push_back(event);
+    if (m_pendingItems.size() > kBufferFlushThreshold) return StoreItemFlushInternal();
+    return 1;
+}
+
+uint64_t ZorvDAL::StoreItemBuffer(const InventoryItemRecord& item) {
+    EngineEvent event;
+    ConvertInventoryItem(item, event);
+    return StoreItemBuffer(event);
+}
+
+uint64_t ZorvDAL::StoreItemFlush() {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreItemFlush", u"StoreItemFlush lock", u"StoreItemFlush unlock");
+    return StoreItemFlushInternal();
+}
+
+uint64_t ZorvDAL::StoreItemFlushInternal() {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreItemFlushInternal";
+    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreItemFlush", m_pendingItems.size());
+    if (m_pendingItems.empty()) return 0;
+    const std::shared_ptr<sqlite3> db = m_DB;
+    if (!db) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        return 0;
+    }
+    // One transaction for the whole buffer: one journal sync instead of one per row.
+    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    uint64_t stored = 0;
+    while (!m_pendingItems.empty()) {
+        if (StoreItemInternal(m_pendingItems.front(), false) != 0) ++stored;
+        m_pendingItems.pop_front();
+    }
+    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
+    return stored;
+}
+
+uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreItemInternal";
+    const bool scanned = event.source == AC_SOURCE_SCANNED;
+    // Scanned items are stored lower-cased so the case-sensitive lookups and
+    // deletions meet them; other sources arrive in the form they must keep.
+    const std::u16string path = scanned ? ToLower(event.path) : event.path;
+    const std::u16string fileName = scanned ? ToLower(event.fileName) : event.fileName;
+    if (scanned) {
+        const size_t dot = fileName.rfind(u'.');
+        const std::u16string extension = dot == std::u16string::npos ? std::u16string() : fileName.substr(dot + 1);
+        // No extension, a digit in it or a known one all count as handled.
+        if (!ExtensionTables().IsExecutableExtension(fileName, extension)) {
+            ZorvStats::Instance().IncrementCounter(CounterCategory::InventoryUnknownExtensions, extension);
+            ZorvStats::Instance().IncrementMetric(u"TotalInventoryUnknownExtension");
+        }
+    }
+
+    if (tempTable && !PrepareTempTableStatement(m_DB, m_pInsertItemTempTableStmt, kInsertItemTempTableSQL, kFunction,
+                                                u"Unable to prepare insert trust rule temp table statement: %s")) {
+        return 0;
+    }
+    const StatementUse use(tempTable ? m_pInsertItemTempTableStmt : m_pInsertItemStmt);
+    if (!use) {
+        ZORV_LOG(kLogError, kFunction, u"m_pInsertItemStmt is released");
+        return 0;
+    }
+    sqlite3_stmt* stmt = use.get();
+
+    // Stops at the first failing bind; StatementUse clears what was bound.
+    auto failed = [&](int rc, const char16_t* line) {
+        if (rc == SQLITE_OK) return false;
+        ZORV_LOG(kLogWarning, kFunction, line);
+        return true;
+    };
+    if (failed(BindDigest(stmt, ":md5", event.fileMd5), u"Unable to bind md5, aborting db insert") ||
+        failed(BindDigest(stmt, ":sha1", event.fileSha1), u"Unable to bind sha1, aborting db insert") ||
+        failed(BindDigest(stmt, ":sha256", event.fileSha256), u"Unable to bind sha256, aborting db insert") ||
+        failed(BindInt(stmt, ":source", static_cast<int>(event.source)), u"Unable to bind source, aborting db insert") ||
+        failed(BindText(stmt, ":fileName", fileName), u"Unable to bind filename, aborting db insert") ||
+        failed(BindText(stmt, ":path", path), u"Unable to bind path, aborting db insert") ||
+        failed(BindText(stmt, ":nativePath", event.lookupName), u"Unable to bind nativepath, aborting db insert") ||
+        failed(BindInt64(stmt, ":size", event.size), u"Unable to bind size, aborting db insert") ||
+        failed(BindInt64(stmt, ":recordTime", event.recordTime), u"Unable to bind recordtime, aborting db insert") ||
+        failed(BindInt(stmt, ":isAuthorized", StoredAuthorization(event.isAuthorized)),
+               u"Unable to bind isauthorized, aborting db insert") ||
+        failed(BindText(stmt, ":ruleset", event.ruleset), u"Unable to bind ruleset, aborting db insert")) {
+        return 0;
+    }
+    return StepInsert(stmt, kFunction);
+}
+
+// ---- Trust rules ----
+
+uint64_t ZorvDAL::StoreTrustRule(const TrustRuleRecord& rule) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRule", u"StoreTrustRule lock", u"StoreTrustRule unlock");
+    return StoreTrustRuleInternal(rule, false);
+}
+
+uint64_t ZorvDAL::StoreTrustRuleBuffer(const TrustRuleRecord& rule) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRuleBuffer", u"StoreTrustRuleBuffer lock",
+                    u"StoreTrustRuleBuffer unlock");
+    m_pendingTrustRules.push_back(rule);
+    if (m_pendingTrustRules.size() > kBufferFlushThreshold) return StoreTrustRuleFlushInternal();
+    return 1;
+}
+
+uint64_t ZorvDAL::StoreTrustRuleFlush() {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRuleFlush", u"StoreTrustRuleFlush lock",
+                    u"StoreTrustRuleFlush unlock");
+    return StoreTrustRuleFlushInternal();
+}
+
+uint64_t ZorvDAL::StoreTrustRuleFlushInternal() {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreTrustRuleFlushInternal";
+    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreTrustRuleFlush", m_pendingTrustRules.size());
+    if (m_pendingTrustRules.empty()) return 0;
+    const std::shared_ptr<sqlite3> db = m_DB;
+    if (!db) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        return 0;
+    }
+    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    uint64_t stored = 0;
+    while (!m_pendingTrustRules.empty()) {
+        if (StoreTrustRuleInternal(m_pendingTrustRules.front(), false) != 0) ++stored;
+        m_pendingTrustRules.pop_front();
+    }
+    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
+    return stored;
+}
+
+uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreTrustRuleInternal";
+    if (tempTable &&
+        !PrepareTempTableStatement(m_DB, m_pInsertTrustRuleTempTableStmt, kInsertTrustRuleTempTableSQL, kFunction,
+                                   u"Unable to prepare insert trust rule temp table statement: %s")) {
+        return 0;
+    }
+    const StatementUse use(tempTable ? m_pInsertTrustRuleTempTableStmt : m_pInsertTrustRuleStmt);
+    if (!use) {
+        ZORV_LOG(kLogError, kFunction, u"m_pInsertTrustRuleStmt is released");
+        return 0;
+    }
+    sqlite3_stmt* stmt = use.get();
+
+    auto failed = [&](int rc, const char16_t* line) {
+        if (rc == SQLITE_OK) return false;
+        ZORV_LOG(kLogWarning, kFunction, line);
+        return true;
+    };
+    if (failed(BindText(stmt, ":processName", rule.processName), u"Unable to bind processName, aborting db insert") ||
+        failed(BindText(stmt, ":paths", rule.paths), u"Unable to bind paths, aborting db insert") ||
+        failed(BindInt(stmt, ":trustType", rule.trustType), u"Unable to bind trustType, aborting db insert") ||
+        failed(BindText(stmt, ":signerName", rule.signerName), u"Unable to bind signerName, aborting db insert") ||
+        failed(BindText(stmt, ":productName", rule.productName), u"Unable to bind productName, aborting db insert") ||
+        failed(BindText(stmt, ":companyName", rule.companyName), u"Unable to bind companyName, aborting db insert") ||
+        failed(BindDigest(stmt, ":sha256", rule.sha256), u"Unable to bind sha256, aborting db insert")) {
+        return 0;
+    }
+    for (size_t i = 0; i < 6; ++i) {
+        if (BindText(stmt, kIssuerParameters[i], rule.issuer[i]) != SQLITE_OK) {
+            ZORV_LOG(kLogWarning, kFunction, u"Unable to bind %s, aborting db insert", kIssuerDisplayNames[i]);
+            return 0;
+        }
+    }
+    if (failed(BindText(stmt, ":ruleset", rule.ruleset), u"Unable to bind ruleset, aborting db insert") ||
+        failed(BindText(stmt, ":procUser", rule.procUser), u"Unable to bind procUser, aborting db insert") ||
+        failed(BindText(stmt, ":procGroup", rule.procGroup), u"Unable to bind procGroup, aborting db insert") ||
+        failed(BindText(stmt, ":userList", rule.userList), u"Unable to bind userList, aborting db insert")) {
+        return 0;
+    }
+    return StepInsert(stmt, kFunction);
+}
+
+// ---- User lists ----
+
+uint64_t ZorvDAL::StoreUserList(const UserListRecord& entry) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserList", u"StoreUserList lock", u"StoreUserList unlock");
+    return StoreUserListInternal(entry, false);
+}
+
+uint64_t ZorvDAL::StoreUserListBuffer(const UserListRecord& entry) {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserListBuffer", u"StoreUserListBuffer lock",
+                    u"StoreUserListBuffer unlock");
+    m_pendingUserLists.push_back(entry);
+    if (m_pendingUserLists.size() > kBufferFlushThreshold) return StoreUserListFlushInternal();
+    return 1;
+}
+
+uint64_t ZorvDAL::StoreUserListFlush() {
+    TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserListFlush", u"StoreUserListFlush lock",
+                    u"StoreUserListFlush unlock");
+    return StoreUserListFlushInternal();
+}
+
+uint64_t ZorvDAL::StoreUserListFlushInternal() {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreUserListFlushInternal";
+    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreUserListFlush", m_pendingUserLists.size());
+    if (m_pendingUserLists.empty()) return 0;
+    const std::shared_ptr<sqlite3> db = m_DB;
+    if (!db) {
+        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+        return 0;
+    }
+    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    uint64_t stored = 0;
+    while (!m_pendingUserLists.empty()) {
+        if (StoreUserListInternal(m_pendingUserLists.front(), false) != 0) ++stored;
+        m_pendingUserLists.pop_front();
+    }
+    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
+    return stored;
+}
+
+uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTable) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::StoreUserListInternal";
+    if (tempTable &&
+        !PrepareTempTableStatement(m_DB, m_pInsertUserListTempTableStmt, kInsertUserListTempTableSQL, kFunction,
+                                   u"Unable to prepare insert UserList temp table statement: %s")) {
+        return 0;
+    }
+    const StatementUse use(tempTable ? m_pInsertUserListTempTableStmt : m_pInsertUserListStmt);
+    if (!use) {
+        ZORV_LOG(kLogError, kFunction, u"m_pInsertUserListStmt is released");
+        return 0;
+    }
+    sqlite3_stmt* stmt = use.get();
+    if (BindText(stmt, ":id", entry.id) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind id, aborting db insert");
+        return 0;
+    }
+    if (BindText(stmt, ":user", entry.user) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind user, aborting db insert");
+        return 0;
+    }
+    return StepInsert(stmt, kFunction);
+}
+
+// ---- Items the engine decided on ----
+
+bool ZorvDAL::StoreEventItem(EngineEvent& event) {
+    switch (event.source) {
+        case AC_SOURCE_SCANNED:
+            StoreItemBuffer(event);
+            break;
+        case AC_SOURCE_PRELINK:
+            UpdatePrelinkItem(event);
+            break;
+        default:
+            // Approved drift replaces the older scanned or drift rows of the same file.
+            event.source = AC_SOURCE_APPROVED_DRIFT;
+            DeleteInventoryItems(event);
+            StoreItem(event);
+            break;
+    }
+    return true;
+}
+
+void ZorvDAL::SetPrelinkOldHash(const SHA256Hash& hash) {
+    std::lock_guard<std::mutex> lock(m_dbLock);
+    m_prelinkOldHash = hash;
+}
+
+bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::UpdatePrelinkItem";
+    const Statement held = m_pUpdatePrelinkItemStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pUpdatePrelinkItemStmt is released");
+        return false;
+    }
+    TracedLock lock(m_dbLock, kFunction, u"Updating prelink item lock", u"UpdatePrelinkItem unlock");
+    // Declared after the lock so the reset happens before it is released.
+    const StatementUse use(held);
+    if (!m_prelinkOldHash.IsSet() || !event.fileSha256.IsSet()) {
+        ZorvStats::Instance().IncrementMetric(u"RunPrelinkNohash");
+        return false;
+    }
+
+    sqlite3_stmt* stmt = use.get();
+    // A failed bind leaves its parameter NULL, which matches nothing; the
+    // update still runs so that the fallback below decides.
+    const int results[] = {
+        BindDigest(stmt, ":hash", event.fileSha256),
+        BindInt64(stmt, ":size", event.size),
+        BindInt64(stmt, ":recordTime", event.recordTime),
+        BindDigest(stmt, ":oldhash", m_prelinkOldHash),
+        BindText(stmt, ":path", event.path),
+        BindText(stmt, ":fileName", event.fileName),
+    };
+    for (const int rc : results) {
+        if (rc != SQLITE_OK) {
+            ZORV_LOG(kLogWarning, kFunction,
+                     u"SQLite error %d binding attribute parameters to update statement for file '%s'\n", rc,
+                     event.name);
+        }
+    }
+
+    const int rc = sqlite3_step(stmt);
+    const int changed = rc == SQLITE_DONE ? sqlite3_changes(sqlite3_db_handle(stmt)) : 0;
+    if (changed > 0) {
+        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUpdated");
+        if (changed > 1) {
+            ZORV_LOG(kLogWarning, kFunction, u"Prelink updated more (%d) then we expected\n", changed);
+        }
+        return true;
+    }
+
+    // No row held the old hash: the file is new to the prelink set, so it is
+    // kept only if the inventory already approves its new content.
+    EngineEvent probe = event;
+    if (!IsAllowedInDBInternal(probe) || probe.dbVerdict == AC_DB_NOT_KNOWN) {
+        ZORV_LOG(kLogTrace, kFunction, u"Unapproved %s %s %d", event.path, event.fileName, event.size);
+        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUnapproved");
+    } else {
+        StoreItemInternal(event, false);
+        ZorvStats::Instance().IncrementMetric(u"RunPrelinkApproved");
+    }
+    return probe.dbVerdict == AC_DB_ALLOWED;
+}
+
+bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::DeleteInventoryItems";
+    const Statement held = m_pDeleteInventoryItemsStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pDeleteInventoryItemsStmt is released");
+        return false;
+    }
+    // Directories are stored both with and without their trailing separator;
+    // :path2 is the other spelling so that both are removed.
+    std::u16string otherSpelling = event.path;
+    if (!otherSpelling.empty()) {
+        const char16_t last = otherSpelling.back();
+        if (last == u'\\' || last == u'/') {
+            otherSpelling.pop_back();
+        } else {
+            const bool posixStyle = otherSpelling.find(u'/') != std::u16string::npos &&
+                                    otherSpelling.find(u'\\') == std::u16string::npos;
+            otherSpelling.push_back(posixStyle ? u'/' : u'\\');
+        }
+    }
+    TracedLock lock(m_dbLock, kFunction, u"DeleteInventoryItems lock", u"DeleteInventoryItems unlock");
+    const StatementUse use(held);
+    sqlite3_stmt* stmt = use.get();
+    BindTextAsIs(stmt, ":fileName", event.fileName);
+    BindTextAsIs(stmt, ":path", event.path);
+    BindTextAsIs(stmt, ":path2", otherSpelling);
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to delete from any hash");
+        return false;
+    }
+    const int deleted = sqlite3_changes(sqlite3_db_handle(stmt));
+    ZORV_LOG(kLogTrace, kFunction, u"Deleted %d rows", deleted);
+    // Only this operation grows the counter, and it holds the database lock.
+    ZorvStats& stats = ZorvStats::Instance();
+    stats.SetMetric(u"TotalDeletedEvents", stats.GetMetric(u"TotalDeletedEvents") + static_cast<uint64_t>(deleted));
+    return true;
+}
+
+// ---- AppControlState ----
+
+bool ZorvDAL::GetAppControlState(const std::u16string& settingName, std::u16string& value) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
+    const Statement held = m_pGetAcStateStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pGetAcStateStmt is released");
+        return false;
+    }
+    TracedLock lock(m_dbLock, kFunction, u"GetAppControlState lock", u"GetAppControlState unlock");
+    const StatementUse use(held);
+    sqlite3_stmt* stmt = use.get();
+    BindTextAsIs(stmt, ":setting", settingName);
+    if (sqlite3_step(stmt) != SQLITE_ROW) {
+        ZORV_LOG(kLogTrace, kFunction, u"Unable to get AppControl Setting for %s", settingName);
+        return false;
+    }
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+    value = text != nullptr ? Utf8ToUtf16(std::string_view(text, sqlite3_column_bytes(stmt, 0))) : std::u16string();
+    ZORV_LOG(kLogTrace, kFunction, u"Found AppControl Setting for %s value %s", settingName, value);
+    return true;
+}
+
+bool ZorvDAL::SetAppControlState(const std::u16string& settingName, const std::u16string& value) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::SetAppControlState";
+    const Statement held = m_pSetAcStateStmt;
+    if (!held) {
+        ZORV_LOG(kLogError, kFunction, u"m_pSetAcStateStmt is released");
+        return false;
+    }
+    TracedLock lock(m_dbLock, kFunction, u"SetAppControlState lock", u"SetAppControlState unlock");
+    const StatementUse use(held);
+    sqlite3_stmt* stmt = use.get();
+    BindTextAsIs(stmt, ":setting", settingName);
+    BindTextAsIs(stmt, ":value", value);
+    // Only existing rows are updated: an unknown name changes nothing and succeeds.
+    if (sqlite3_step(stmt) != SQLITE_DONE) {
+        ZORV_LOG(kLogWarning, kFunction, u"Unable to set application control state setting %s value %s", settingName,
+                 value);
+        return false;
+    }
+    ZORV_LOG(kLogTrace, kFunction, u"Set application control state setting %s value %s", settingName, value);
+    return true;
+}
+
+bool ZorvDAL::SetAppControlStateValue(const std::u16string& settingName, uint64_t value) {
+    // All bits set is the configuration's "not known", stored as the rows' default -1.
+    const std::string text =
+        value == std::numeric_limits<uint64_t>::max() ? std::string("-1") : std::to_string(value);
+    return SetAppControlState(settingName, Utf8ToUtf16(text));
+}
 
 }  // namespace zorv
