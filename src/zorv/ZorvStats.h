@@ -1,9 +1,11 @@
-// ZorvStats: the process-wide tally of named counters and trust-rule hit
-// counts behind the metrics document.
+// ZorvStats: the process-wide tally behind the metrics document: named
+// counters, per-extension and per-ruleset counters, and the in-memory hit
+// counts of trust rules.
 //
 // Thread-safe: one mutex guards every map and is held only for the duration
-// of one operation. It is never held while calling the rule store, so the lock
-// order "database lock, then statistics lock" cannot be inverted from here.
+// of one operation. It is never held while calling the rule store or the
+// allow cache, so the lock order "database lock, then statistics lock" cannot
+// be inverted from here.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +16,19 @@
 
 namespace zorv {
 
+// The counter families besides the general counters. The numbers are what
+// callers pass; any other value is ignored by every category operation.
+enum class CounterCategory : uint32_t {
+    DriftUnknownExtensions = 1,      // extensions met by drift events that no table knows
+    InventoryUnknownExtensions = 2,  // the same for inventory items
+    Rulesets = 3,                    // rule elements read by each ruleset's last import
+};
+
 class ZorvStats {
 public:
+    // Sections of the document other than the general counters list at most this many entries.
+    static constexpr size_t kMaxSectionEntries = 100;
+
     static ZorvStats& Instance();
 
     ZorvStats() = default;
@@ -28,19 +41,40 @@ public:
     void SetMetric(std::u16string_view name, uint64_t value);
     uint64_t GetMetric(std::u16string_view name) const;
 
+    // Category counters; an empty name or an unknown category is ignored.
+    void IncrementCounter(CounterCategory category, std::u16string_view name);
+    void SetCounter(CounterCategory category, std::u16string_view name, uint64_t value);
+    // 0 when absent or the category is unknown.
+    uint64_t GetCounter(CounterCategory category, std::u16string_view name) const;
+    // Erases every counter whose name begins with `prefix` (case-sensitive);
+    // an empty prefix empties the category.
+    void ClearCounters(CounterCategory category, std::u16string_view prefix);
+
     // Trust-rule hit counts: an entry exists only once a rule was loaded.
     void SetTrustRuleHitCount(int32_t trustRuleId, int64_t value);
     void IncrementTrustRuleHitCount(int32_t trustRuleId);
     void ClearTrustRuleHitCounts();
 
-    // Builds the metrics document into `buffer` (see get_metrics_mem); a status code.
+    // Builds the metrics document into `buffer` (see get_metrics_mem). Always
+    // stores the size the document needs, NUL included, into *size; returns
+    // AC_OK when it was copied, AC_E_BUFFER_TOO_SMALL when `buffer` is null or
+    // *size is too small, AC_E_NULL_SIZE when `size` is null.
     uint32_t GetMetrics(void* buffer, uint32_t* size);
     // Writes every hit count, minus one, back to the rule store.
     void WriteTrustRuleHitCounts();
 
 private:
-    mutable std::mutex m_mutex;  // guards the maps below
-    std::map<std::u16string, uint64_t, std::less<>> m_metrics;
+    using CounterMap = std::map<std::u16string, uint64_t, std::less<>>;
+
+    // The map of a category, or null for an unknown one.
+    CounterMap* Category(CounterCategory category);
+    const CounterMap* Category(CounterCategory category) const;
+
+    mutable std::mutex m_mutex;  // guards the five maps below
+    CounterMap m_metrics;
+    CounterMap m_driftUnknownExtensions;
+    CounterMap m_inventoryUnknownExtensions;
+    CounterMap m_rulesets;
     std::map<int32_t, int64_t> m_trustRuleHitCounts;
 };
 
