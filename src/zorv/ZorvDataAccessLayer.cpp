@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <exception>
 
 #include "ZorvLogger.h"
 #include "ZorvText.h"

@@ -163,6 +163,27 @@ TEST_F(ZorvStore, HostRecordIsStoredWithItsDigestsAndLowerCasedScanNames) {
               probe.Lines("SELECT fileName, path, md5, sha1, ruleset FROM InventoryItems WHERE source = 2"));
 }
 
+TEST_F(ZorvStore, TrustRuleFieldsLandInTheirColumnsAndEmptyOnesAreNull) {
+    TrustRuleRecord rule;
+    rule.processName = u"setup.exe";
+    rule.trustType = 2;
+    rule.signerName = u"Signer";
+    rule.companyName = u"Vendor";
+    const char16_t* issuers[6] = {u"cn", u"c", u"s", u"l", u"o", u"ou"};
+    for (int i = 0; i < 6; ++i) rule.issuer[i] = issuers[i];
+    rule.ruleset = u"trust1";
+    rule.procGroup = u"staff";
+    ASSERT_NE(0u, m_dal.StoreTrustRule(rule));
+    ASSERT_NE(0u, m_dal.StoreUserList(UserListRecord{u"ops", u"bob"}));
+
+    SqliteProbe probe(DbFile());
+    EXPECT_EQ(std::vector<std::string>{"setup.exe|~|2|Signer|~|Vendor|~|cn|c|s|l|o|ou|trust1|~|staff|~"},
+              probe.Lines("SELECT processName, paths, trustType, signerName, productName, companyName, sha256, "
+                          "issuerCN, issuerC, issuerS, issuerL, issuerO, issuerOU, ruleset, procUser, procGroup, "
+                          "userList FROM TrustRules"));
+    EXPECT_EQ(std::vector<std::string>{"ops|bob"}, probe.Lines("SELECT id, user FROM UserList"));
+}
+
 TEST_F(ZorvStore, AuthorizationStatesMapToTheStoredColumn) {
     const std::pair<uint32_t, int> cases[] = {{1, 1}, {2, 0}, {3, 1}, {4, 1}, {7, 3}, {0, 3}};
     for (const auto& [state, stored] : cases) {
@@ -180,12 +201,14 @@ TEST_F(ZorvStore, AuthorizationStatesMapToTheStoredColumn) {
 
 TEST_F(ZorvStore, UnknownScanExtensionsAreCountedButStored) {
     const uint64_t before = Metric(u"TotalInventoryUnknownExtension");
+    ZorvStats& stats = ZorvStats::Instance();
+    const uint64_t xyzBefore = stats.GetCounter(CounterCategory::InventoryUnknownExtensions, u"xyz");
     for (const char16_t* name : {u"notes.XYZ", u"a.x1", u"README", u"run.exe"}) {
         EngineEvent event = Item(u"c:\\e\\", name);
         EXPECT_NE(0u, m_dal.StoreItem(event)) << test::U8(name);
     }
     EXPECT_EQ(before + 1, Metric(u"TotalInventoryUnknownExtension"));
-    EXPECT_EQ(1u, ZorvStats::Instance().GetCounter(CounterCategory::InventoryUnknownExtensions, u"xyz"));
+    EXPECT_EQ(xyzBefore + 1, stats.GetCounter(CounterCategory::InventoryUnknownExtensions, u"xyz"));
 }
 
 TEST_F(ZorvStore, ExcludedItemsAreNotStoredAndTheTwoFormsAnswerDifferently) {
