@@ -258,6 +258,9 @@ ZORV_EXPORT uint32_t set_ruleset(uint8_t append, const ZorvChar* path, const Zor
     return Guarded(u"set_ruleset", AC_E_FAILED, [&] {
         if (Engine() == nullptr) return AC_E_NOT_STARTED;
         if (path == nullptr) return AC_E_INVALID_ARG;
+        // Cleared whether or not the import then succeeds: a half-applied
+        // ruleset must not leave allow decisions of the old one behind.
+        Engine()->GetAllowCache().Clear();
         return FromBool(ZorvDAL::Instance().ImportRuleset(append, FromHostText(path), FromHostText(name)));
     });
 }
@@ -265,7 +268,9 @@ ZORV_EXPORT uint32_t set_ruleset(uint8_t append, const ZorvChar* path, const Zor
 ZORV_EXPORT uint32_t set_ruleset_buffer(uint8_t append, const ZorvChar* buffer, const ZorvChar* name) {
     return Guarded(u"set_ruleset_buffer", AC_E_FAILED, [&] {
         if (buffer == nullptr || name == nullptr) return AC_E_NULL_BUFFER;
-        // No engine check here: the import itself needs only the rule store.
+        // No engine check here: the import itself needs only the rule store,
+        // and only an existing engine has a cache to forget.
+        if (ZorvEngine* engine = Engine()) engine->GetAllowCache().Clear();
         const std::string utf8 = Utf16ToUtf8(FromHostText(buffer));
         return FromBool(ZorvDAL::Instance().ImportRulesetBuffer(append, utf8, FromHostText(name)));
     });

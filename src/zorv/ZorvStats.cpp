@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ZorvDataAccessLayer.h"
+#include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
 #include "zorv/zorv.h"
@@ -186,6 +187,9 @@ uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size) {
 
     ZorvDAL& dal = ZorvDAL::Instance();
     dal.PrepareMetrics(cJSON_AddArrayToObject(metrics, "trustrules_stats"));
+    // The allow cache lives with the engine; between engine_stop and the next
+    // engine_start there is none to report.
+    if (ZorvEngine* engine = ZorvEngine::GetEngine()) engine->GetAllowCache().AddMetrics(metrics);
     cJSON* dbinfo = cJSON_AddObjectToObject(metrics, "dbinfo");
     dal.PrepareMetricsDBInfo(dbinfo);
     dal.UserGroupTrustRulesCount(dbinfo);

@@ -1,0 +1,128 @@
+// Drift through app_ctl: changed files classified against the inventory and
+// learned only when something vouches for them; renames and deletes touch the
+// inventory only during maintenance. Targets are real files.
+#include <gtest/gtest.h>
+
+#include "EngineTestFixture.h"
+
+namespace zorv {
+namespace {
+
+using test::LogCapture;
+using test::PluginEvent;
+
+class ZorvDrift : public test::EngineFixture {
+protected:
+    void SetUp() override {
+        EngineFixture::SetUp();
+        std::filesystem::create_directories(m_dir / "drift");
+    }
+    std::string Directory() { return (m_dir / "drift").string(); }
+
+    PluginEvent Change(const std::string& fileName, uint8_t digest, uint32_t type = AC_OP_CHANGE_32) {
+        test::WriteFile(m_dir / "drift" / fileName, "MZ");
+        PluginEvent event;
+        event.type = type;
+        event.name = test::PathText(m_dir / "drift" / fileName);
+        event.digestFill = digest;
+        event.processName = u"c:\\tools\\copy.exe";
+        return event;
+    }
+    long long Rows(const std::string& fileName, const std::string& extra = "1") {
+        return ItemCount("fileName = '" + fileName + "' AND path = '" + Directory() + "' AND " + extra);
+    }
+};
+
+TEST_F(ZorvDrift, ChangedFileIsClassifiedButNeverBlocked) {
+    AddItem(0xA1, 4096, AC_SOURCE_EXECUTION_RULES, 0, "bad.exe", Directory());
+    AddItem(0xA2, 4096, AC_SOURCE_AGENT_RULES, 1, "good.exe", Directory());
+
+    PluginEvent blocked = Change("bad.exe", 0xA1);
+    uint32_t status = 0;
+    AppCtlResult result = Run(blocked, &status);
+    EXPECT_EQ(status, AC_OK);
+    EXPECT_EQ(result.eventType, AC_EVENT_FILE_CHANGE);
+    EXPECT_EQ(result.isAuthorized, AC_REASON_BLOCKED);
+    EXPECT_TRUE(Logged(u"Blocklisted drift bad.exe"));
+
+    PluginEvent allowed = Change("good.exe", 0xA2);
+    EXPECT_EQ(Run(allowed).isAuthorized, AC_REASON_APPROVED);
+
+    PluginEvent unknown = Change("new.exe", 0xA3);
+    result = Run(unknown, &status);
+    EXPECT_EQ(status, AC_OK);
+    EXPECT_EQ(result.isAuthorized, AC_REASON_NONE);
+    EXPECT_EQ(Rows("new.exe"), 0) << "nobody vouches: not learned";
+
+    AppControlConfig::Instance().SetMaintenanceMode(true);
+    EXPECT_EQ(Run(unknown).isAuthorized, AC_REASON_MAINTENANCE);
+    EXPECT_EQ(Rows("new.exe", "source = 4"), 1);
+}
+
+TEST_F(ZorvDrift, ChangeForgetsCachedAllowsAndCountsUnknownExtensions) {
+    PluginEvent change = Change("notes.txt", 0xB1);
+    Engine().GetAllowCache().Add(u"alice", u"c:\\tools\\copy.exe", change.name);
+    const uint64_t unknown = Metric(u"TotalDriftUnknownExtension");
+    const uint64_t txt = ZorvStats::Instance().GetCounter(CounterCategory::DriftUnknownExtensions, u"txt");
+    Run(change);
+    EXPECT_FALSE(Engine().GetAllowCache().Contains(u"alice", u"c:\\tools\\copy.exe", change.name));
+    EXPECT_EQ(Metric(u"TotalDriftUnknownExtension"), unknown + 1);
+    EXPECT_EQ(ZorvStats::Instance().GetCounter(CounterCategory::DriftUnknownExtensions, u"txt"), txt + 1);
+
+    for (const char* known : {"lib.dll", "song.mp3", "runme"}) {
+        PluginEvent event = Change(known, 0xB2);
+        Run(event);
+    }
+    EXPECT_EQ(Metric(u"TotalDriftUnknownExtension"), unknown + 1) << "known, digit or no extension";
+
+    PluginEvent missing;
+    missing.type = AC_OP_CHANGE_42;
+    missing.name = test::PathText(m_dir / "drift" / "gone.exe");
+    uint32_t status = 0;
+    EXPECT_EQ(Run(missing, &status).action, AC_DECISION_ERROR);
+    EXPECT_EQ(status, AC_E_FAILED);
+}
+
+TEST_F(ZorvDrift, BlockByTargetMarksAnAllowedDrift) {
+    AddItem(0xC1, 4096, AC_SOURCE_AGENT_RULES, 1, "tool.exe", Directory());
+    AddRule("trustType, paths", "4, '" + (m_dir / "drift" / "tool.exe").string() + "'");
+    Restart();
+    PluginEvent change = Change("tool.exe", 0xC1);
+    uint32_t status = 0;
+    const AppCtlResult result = Run(change, &status);
+    EXPECT_EQ(status, AC_OK) << "drift is never blocked through app_ctl";
+    EXPECT_EQ(result.dbVerdict, AC_DB_BLOCKED);
+    EXPECT_EQ(result.source, AC_SOURCE_TRUST_RULE);
+}
+
+TEST_F(ZorvDrift, RenameAndDeleteChangeTheInventoryOnlyDuringMaintenance) {
+    // The retired names need no file on disk; a lower-case directory keeps the
+    // store's case-folded path comparison out of the picture.
+    AddItem(0xD1, 4096, AC_SOURCE_APPROVED_DRIFT, 1, "old.exe", "c:\\gone");
+    AddItem(0xE1, 4096, AC_SOURCE_SCANNED, 1, "gone.exe", "c:\\gone");
+    PluginEvent rename = Change("new.exe", 0xD1, AC_OP_RENAME);
+    rename.oldName = u"c:\\gone\\old.exe";
+    PluginEvent remove;
+    remove.type = AC_OP_DELETE;
+    remove.name = u"c:\\gone\\gone.exe";
+    const std::string old = "fileName = 'old.exe' AND path = 'c:\\gone'";
+    const std::string gone = "fileName = 'gone.exe' AND path = 'c:\\gone'";
+
+    Run(rename);
+    uint32_t status = 0;
+    EXPECT_EQ(Run(remove, &status).eventType, AC_EVENT_DELETE);
+    EXPECT_EQ(status, AC_OK);
+    EXPECT_EQ(ItemCount(old), 1);
+    EXPECT_EQ(ItemCount(gone), 1);
+
+    AppControlConfig::Instance().SetMaintenanceMode(true);
+    Run(rename);
+    Run(remove, &status);
+    EXPECT_EQ(status, AC_OK);
+    EXPECT_EQ(ItemCount(old), 0);
+    EXPECT_EQ(ItemCount(gone), 0);
+    EXPECT_TRUE(Logged(u"File c:\\gone\\gone.exe was successfully deleted"));
+}
+
+}  // namespace
+}  // namespace zorv
