@@ -22,53 +22,44 @@ std::string ReadAll(OplockReader& reader, size_t chunk) {
     return contents;
 }
 
+int64_t SecondsNow() {
+    using namespace std::chrono;
+    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
 TEST(OplockReader, ReadsWholeFileInChunksAndClosesAtEnd) {
     TempDir dir;
     std::string contents;
     for (int i = 0; i < 1000; ++i) contents += "line " + std::to_string(i) + "\n";
     test::WriteFile(dir / "rules.json", contents);
-
-    OplockReader reader;
-    ASSERT_TRUE(reader.Open(PathText(dir / "rules.json")));
-    EXPECT_EQ(ReadAll(reader, 1000), contents);  // several chunks
-    EXPECT_FALSE(reader.IsOpen());
-    EXPECT_EQ(reader.Error(), 0u);
-    char byte;
-    EXPECT_EQ(reader.Read(&byte, 1), 0u);  // stays closed
-    reader.Close();                         // and closing again is harmless
-
-    // Reopening starts again from the beginning.
-    ASSERT_TRUE(reader.Open(PathText(dir / "rules.json")));
-    EXPECT_EQ(ReadAll(reader, 4096), contents);
-}
-
-TEST(OplockReader, EmptyFileReadsZeroAndCloses) {
-    TempDir dir;
     test::WriteFile(dir / "empty", "");
-    OplockReader reader;
-    ASSERT_TRUE(reader.Open(PathText(dir / "empty")));
-    char buffer[16];
-    EXPECT_EQ(reader.Read(buffer, sizeof buffer), 0u);
-    EXPECT_FALSE(reader.IsOpen());
-    EXPECT_EQ(reader.Error(), 0u);
-}
-
-TEST(OplockReader, MissingFileFailsWithFileNotFound) {
-    TempDir dir;
-    OplockReader reader;
-    EXPECT_FALSE(reader.Open(PathText(dir / "absent.json")));
-    EXPECT_FALSE(reader.IsOpen());
-    EXPECT_EQ(reader.Error(), kErrorFileNotFound);
+    for (const auto& [name, expected] : {std::pair<std::string, std::string>{"rules.json", contents}, {"empty", ""}}) {
+        SCOPED_TRACE(name);
+        OplockReader reader;
+        ASSERT_TRUE(reader.Open(PathText(dir / name)));
+        EXPECT_EQ(ReadAll(reader, 1000), expected);  // several chunks
+        EXPECT_FALSE(reader.IsOpen());
+        EXPECT_EQ(reader.Error(), 0u);
+        char byte;
+        EXPECT_EQ(reader.Read(&byte, 1), 0u);  // stays closed
+        reader.Close();                         // and closing again is harmless
+        // Reopening starts again from the beginning.
+        ASSERT_TRUE(reader.Open(PathText(dir / name)));
+        EXPECT_EQ(ReadAll(reader, 4096), expected);
+    }
 }
 
 // Opening a directory for reading is refused on both platforms: an
 // overlapped read of one may never complete on Windows.
-TEST(OplockReader, DirectoryIsRefusedAsAccessDenied) {
+TEST(OplockReader, OpenFailuresReportTheWindowsError) {
     TempDir dir;
-    OplockReader reader;
-    EXPECT_FALSE(reader.Open(PathText(dir.path())));
-    EXPECT_FALSE(reader.IsOpen());
-    EXPECT_EQ(reader.Error(), kErrorAccessDenied);
+    for (const auto& [path, error] : {std::pair{dir / "absent.json", kErrorFileNotFound},
+                                      std::pair{dir.path(), kErrorAccessDenied}}) {
+        OplockReader reader;
+        EXPECT_FALSE(reader.Open(PathText(path)));
+        EXPECT_FALSE(reader.IsOpen());
+        EXPECT_EQ(reader.Error(), error) << path;
+    }
 }
 
 TEST(FileWriter, ReplacesExistingContents) {
@@ -91,14 +82,9 @@ TEST(FileWriter, ReplacesExistingContents) {
     EXPECT_NE(writer.Error(), 0u);
 }
 
-TEST(Clock, NowIsMillisecondsSince1970) {
-    using namespace std::chrono;
-    const auto reference = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+TEST(Clock, NowIsMillisecondsAndLocalTimeGivesCalendarFields) {
     // A unit check: seconds or 100-ns ticks would be off by orders of magnitude.
-    EXPECT_LT(std::llabs(static_cast<long long>(NowMilliseconds()) - reference), 60 * 1000);
-}
-
-TEST(Clock, LocalTimeGivesCalendarFields) {
+    EXPECT_LT(std::llabs(static_cast<long long>(NowMilliseconds() / 1000) - SecondsNow()), 60);
     std::tm local{};
     // 2021-06-15 12:00:00 UTC is 14 to 16 June in every time zone.
     ASSERT_TRUE(LocalTime(1623758400, local));
@@ -108,113 +94,67 @@ TEST(Clock, LocalTimeGivesCalendarFields) {
     EXPECT_LE(local.tm_mday, 16);
 }
 
-// Windows file times count 100-ns ticks from 1601; the runtime's status call
-// counts seconds from 1970.
-int64_t ToSecondsSince1970(uint64_t ticks) { return static_cast<int64_t>(ticks / 10000000u) - 11644473600; }
-
-int64_t SecondsNow() {
-    using namespace std::chrono;
-    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
-}
-
 TEST(PlatformStatFile, ReportsSizeTimesAndKind) {
     TempDir dir;
     const auto path = dir / "program.exe";
     test::WriteFile(path, std::string(1234, 'm'));
-
     FileStatus status;
     ASSERT_TRUE(StatFile(PathText(path), status));
     EXPECT_EQ(status.size, 1234u);
     EXPECT_FALSE(status.isDirectory);
     // Seconds since 1970, not milliseconds or ticks: within a day of now.
-    EXPECT_LT(std::llabs(status.lastWriteTime - SecondsNow()), 24 * 3600);
-    EXPECT_LT(std::llabs(status.lastAccessTime - SecondsNow()), 24 * 3600);
-    EXPECT_LT(std::llabs(status.changeTime - SecondsNow()), 24 * 3600);
-
-    FileStatus folder;
-    ASSERT_TRUE(StatFile(PathText(dir.path()), folder));
-    EXPECT_TRUE(folder.isDirectory);
-}
-
-TEST(PlatformStatFile, MissingPathFails) {
-    TempDir dir;
-    FileStatus status;
-    EXPECT_FALSE(StatFile(PathText(dir / "absent.exe"), status));
+    for (int64_t time : {status.lastWriteTime, status.lastAccessTime, status.changeTime})
+        EXPECT_LT(std::llabs(time - SecondsNow()), 24 * 3600);
+    ASSERT_TRUE(StatFile(PathText(dir.path()), status));
+    EXPECT_TRUE(status.isDirectory);
     EXPECT_FALSE(StatFile(PathText(dir / "absent" / "program.exe"), status));
 }
 
-TEST(PlatformFileTimes, AgreeWithStatFileAfterMovingTheEpoch) {
+TEST(PlatformFileTimes, CountHundredNanosecondTicksSince1601) {
     TempDir dir;
     const auto path = dir / "setup.exe";
     test::WriteFile(path, "MZ");
-
-    FileTimes times;
+    FileTimes before, after;
     uint32_t error = 99;
     bool openFailed = true;
-    ASSERT_TRUE(GetFileTimes(PathText(path), times, error, openFailed));
+    ASSERT_TRUE(GetFileTimes(PathText(path), before, error, openFailed));
     EXPECT_EQ(error, 0u);
     EXPECT_FALSE(openFailed);
-
     FileStatus status;
     ASSERT_TRUE(StatFile(PathText(path), status));
-    EXPECT_EQ(ToSecondsSince1970(times.lastWrite), status.lastWriteTime);
-    EXPECT_EQ(ToSecondsSince1970(times.lastAccess), status.lastAccessTime);
-}
+    constexpr uint64_t kTicksPerSecond = 10000000u;
+    EXPECT_EQ(static_cast<int64_t>(before.lastWrite / kTicksPerSecond) - 11644473600, status.lastWriteTime);
+    EXPECT_EQ(static_cast<int64_t>(before.lastAccess / kTicksPerSecond) - 11644473600, status.lastAccessTime);
 
-TEST(PlatformFileTimes, CountHundredNanosecondTicks) {
-    TempDir dir;
-    const auto path = dir / "setup.exe";
-    test::WriteFile(path, "MZ");
-    FileTimes before;
-    uint32_t error = 0;
-    bool openFailed = false;
-    ASSERT_TRUE(GetFileTimes(PathText(path), before, error, openFailed));
-
-    // Moving the write time back one day moves it 864 * 10^9 ticks. Compared
-    // in whole seconds: the MinGW runtime sets file times to the second only.
+    // Compared in whole seconds: the MinGW runtime sets file times to the second only.
     std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) - std::chrono::hours(24));
-    FileTimes after;
     ASSERT_TRUE(GetFileTimes(PathText(path), after, error, openFailed));
-    EXPECT_EQ(before.lastWrite / 10000000u - after.lastWrite / 10000000u, 86400u);
+    EXPECT_EQ(before.lastWrite / kTicksPerSecond - after.lastWrite / kTicksPerSecond, 86400u);
 }
 
-TEST(PlatformFileTimes, MissingFileIsAnOpenFailureWithFileNotFound) {
+TEST(PlatformFileTimes, OpenFailuresReportTheWindowsError) {
     TempDir dir;
-    FileTimes times;
-    uint32_t error = 0;
-    bool openFailed = false;
-    EXPECT_FALSE(GetFileTimes(PathText(dir / "absent.exe"), times, error, openFailed));
-    EXPECT_EQ(error, kErrorFileNotFound);
-    EXPECT_TRUE(openFailed);
-
-    // A plain file used as a folder: the path, not the file, is missing.
     test::WriteFile(dir / "file", "x");
-    error = 0;
-    openFailed = false;
-    EXPECT_FALSE(GetFileTimes(PathText(dir / "file" / "inner.exe"), times, error, openFailed));
-    EXPECT_EQ(error, kErrorPathNotFound);
-    EXPECT_TRUE(openFailed);
-}
-
-TEST(PlatformFileTimes, DirectoryIsRefusedAsAccessDenied) {
-    TempDir dir;
-    FileTimes times;
-    uint32_t error = 0;
-    bool openFailed = false;
-    EXPECT_FALSE(GetFileTimes(PathText(dir.path()), times, error, openFailed));
-    EXPECT_EQ(error, kErrorAccessDenied);
-    EXPECT_TRUE(openFailed);
+    // A plain file used as a folder: the path, not the file, is missing.
+    for (const auto& [path, expected] : {std::pair{dir / "absent.exe", kErrorFileNotFound},
+                                         std::pair{dir / "file" / "inner.exe", kErrorPathNotFound},
+                                         std::pair{dir.path(), kErrorAccessDenied}}) {
+        FileTimes times;
+        uint32_t error = 0;
+        bool openFailed = false;
+        EXPECT_FALSE(GetFileTimes(PathText(path), times, error, openFailed));
+        EXPECT_EQ(error, expected) << path;
+        EXPECT_TRUE(openFailed) << path;
+    }
 }
 
 TEST(PlatformAttributes, PlainFilesFoldersAndMissingPathsAreNeitherLinksNorProtected) {
     TempDir dir;
-    const auto path = dir / "tool.exe";
-    test::WriteFile(path, "MZ");
-    EXPECT_FALSE(IsReparsePoint(PathText(path)));
-    EXPECT_FALSE(IsReparsePoint(PathText(dir.path())));
-    EXPECT_FALSE(IsReparsePoint(PathText(dir / "absent.exe")));
-    EXPECT_FALSE(IsProtectedSystemFile(PathText(path)));
-    EXPECT_FALSE(IsProtectedSystemFile(PathText(dir / "absent.exe")));
+    test::WriteFile(dir / "tool.exe", "MZ");
+    for (const auto& path : {dir / "tool.exe", dir.path(), dir / "absent.exe"}) {
+        EXPECT_FALSE(IsReparsePoint(PathText(path))) << path;
+        EXPECT_FALSE(IsProtectedSystemFile(PathText(path))) << path;
+    }
 }
 
 }  // namespace

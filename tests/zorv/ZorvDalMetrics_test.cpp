@@ -34,8 +34,6 @@ class ZorvDalMetrics : public ::testing::Test {
 protected:
     void SetUp() override {
         ZorvLogger::Instance().InitLogger(&LogCapture::Callback, 0xF);
-        ZorvLogger::Instance().SetLevel(0xF);
-        LogCapture::Instance().Clear();
         ASSERT_TRUE(m_dal.SetDBPath(test::PathText(DbFile())));
         ASSERT_TRUE(m_dal.InitDB());
     }
@@ -92,8 +90,6 @@ TEST_F(ZorvDalMetrics, CountsBySourceRulesetAndUserGroup) {
     std::vector<int32_t> ids{99};
     EXPECT_TRUE(m_dal.GetTrustRuleIDs(ids));
     EXPECT_EQ((std::vector<int32_t>{99, 1, 2, 3, 4}), ids) << "appended to what the list held";
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Found following MD5 count 2"));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Count for SHA1 unlock"));
 }
 
 TEST_F(ZorvDalMetrics, TrustRuleStatsListRulesWithAStoredHitcountOfOneOrMore) {
@@ -112,7 +108,7 @@ TEST_F(ZorvDalMetrics, TrustRuleStatsListRulesWithAStoredHitcountOfOneOrMore) {
               Print(rules.get()));
 }
 
-TEST_F(ZorvDalMetrics, ClosedStoreLogsReleasedStatementsAndAddsNoKeys) {
+TEST_F(ZorvDalMetrics, ClosedStoreAddsNoKeys) {
     m_dal.Shutdown();
     Json dbinfo(cJSON_CreateObject(), cJSON_Delete);
     EXPECT_FALSE(m_dal.PrepareMetricsDBInfo(dbinfo.get()));
@@ -121,10 +117,6 @@ TEST_F(ZorvDalMetrics, ClosedStoreLogsReleasedStatementsAndAddsNoKeys) {
     std::vector<int32_t> ids;
     EXPECT_FALSE(m_dal.GetTrustRuleIDs(ids));
     EXPECT_EQ("{}", Print(dbinfo.get()));
-    for (const char16_t* line : {u"m_pLookupRuleCountStmt is released", u"m_pLookupRulesetCountStmt is released",
-                                 u"m_pLookupMD5CountStmt is released", u"m_pLookupTrustRuleIDsStmt is released"}) {
-        EXPECT_TRUE(LogCapture::Instance().Contains(line)) << test::U8(line);
-    }
 
     // A path that cannot be measured leaves "dbsize" out.
     ZorvDAL never;
@@ -133,8 +125,6 @@ TEST_F(ZorvDalMetrics, ClosedStoreLogsReleasedStatementsAndAddsNoKeys) {
     ASSERT_TRUE(never.SetDBPath(test::PathText(m_dir / "missing.db")));
     never.PrepareMetricsDBSize(sizeOnly.get());
     EXPECT_EQ("{}", Print(sizeOnly.get()));
-    EXPECT_TRUE(LogCapture::Instance().Contains(
-        u"ZorvDAL::PrepareMetricsDBSize Unable to run as database path was never assigned"));
 }
 
 TEST_F(ZorvDalMetrics, WaitingCountDoesNotOverlapAStore) {

@@ -64,10 +64,6 @@ TEST_F(ZorvDalSchema, NewFileIsCreatedAtVersion16WithDefaultSettings) {
         ASSERT_TRUE(Open(dal, m_file));
         EXPECT_TRUE(dal.IsOpen());
     }
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"SCHEMA user_version: 0"));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Schema USER_VERSION defined in the code: 16"));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"SCHEMA SIZE: 13"));
-
     SqliteProbe probe(m_file);
     EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "16");
     EXPECT_EQ(probe.Scalar("PRAGMA journal_mode"), "wal");
@@ -88,11 +84,6 @@ TEST_F(ZorvDalSchema, NewFileIsCreatedAtVersion16WithDefaultSettings) {
                                         "TrustRules_procGroup", "TrustRules_procUser", "TrustRules_processName",
                                         "TrustRules_signerName", "TrustRules_trustType", "TrustRules_userList",
                                         "UserList_id_user"}));
-    EXPECT_EQ(probe.Lines("SELECT name FROM pragma_table_info('TrustRules') ORDER BY cid"),
-              (std::vector<std::string>{"trustRuleId", "processName", "paths", "trustType", "signerName",
-                                        "productName", "companyName", "sha256", "issuerCN", "issuerC", "issuerS",
-                                        "issuerL", "issuerO", "issuerOU", "hitcount", "ruleset", "procUser",
-                                        "procGroup", "userList", "trustLevel"}));
     EXPECT_EQ(probe.Lines("SELECT name FROM sqlite_master WHERE type = 'view'"), std::vector<std::string>{"Items"});
 }
 
@@ -103,8 +94,6 @@ TEST_F(ZorvDalSchema, EveryOlderVersionMigratesToTheFreshSchema) {
     {
         ZorvDAL dal;
         ASSERT_TRUE(Open(dal, m_file));
-    }
-    {
         SqliteProbe probe(m_file);
         fresh = SchemaOf(probe);
     }
@@ -119,12 +108,10 @@ TEST_F(ZorvDalSchema, EveryOlderVersionMigratesToTheFreshSchema) {
                        "' WHERE settingName = 'inventoryCookie'");
             if (version >= 13) probe.Exec("UPDATE AppControlState SET settingValue = '77' WHERE settingName = 'upgradetime'");
         }
-        LogCapture::Instance().Clear();
         {
             ZorvDAL dal;
             ASSERT_TRUE(Open(dal, file));
         }
-        EXPECT_TRUE(LogCapture::Instance().Contains(u"SCHEMA user_version: " + test::U16(std::to_string(version))));
         SqliteProbe probe(file);
         EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "16");
         EXPECT_EQ(SchemaOf(probe), fresh);
@@ -171,8 +158,6 @@ TEST_F(ZorvDalSchema, NewerVersionIsThrownAwayAndRebuiltEmpty) {
     }
     ZorvDAL dal;
     ASSERT_TRUE(Open(dal, m_file));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Unsupported DB user_verson: 17. current version: 16"));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Successfully deleted database file"));
     SqliteProbe probe(m_file);
     EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "16");
     EXPECT_EQ(probe.Count("InventoryItems"), 0);
@@ -216,25 +201,21 @@ TEST_F(ZorvDalSchema, CurrentAndUnknownVersionsRunNoScript) {
     }
 }
 
-TEST_F(ZorvDalSchema, NonDatabaseFileIsRefusedAndLeftIntact) {
+TEST_F(ZorvDalSchema, NonDatabaseFileOrFolderIsRefusedAndLeftIntact) {
     const std::string text(8192, 'x');
     test::WriteFile(m_file, text);
-    ZorvDAL dal;
-    EXPECT_FALSE(Open(dal, m_file));
-    // SQLite reads the header only when the version is stepped.
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Init or Update Schema failed. rc: 26"));
-    // The failed pragmas are reported and the sequence went on to the version.
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"sqlite3_exec for PRAGMA journal_mode = WAL; failed. rc: 26"));
+    {
+        ZorvDAL dal;
+        EXPECT_FALSE(Open(dal, m_file));
+    }
     EXPECT_EQ(test::ReadFile(m_file), text);
-}
 
-TEST_F(ZorvDalSchema, DirectoryAtThePathCannotBeOpened) {
-    std::filesystem::create_directory(m_file);
+    const auto folder = m_dir / "folder.db";
+    std::filesystem::create_directory(folder);
     ZorvDAL dal;
-    EXPECT_FALSE(Open(dal, m_file));
+    EXPECT_FALSE(Open(dal, folder));
     EXPECT_FALSE(dal.IsOpen());
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"sqlite3_open_v2 failed. rc: 14"));
-    EXPECT_TRUE(std::filesystem::is_directory(m_file));
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
 }
 
 // A script raises the version before its transaction, so a script that fails
@@ -248,7 +229,6 @@ TEST_F(ZorvDalSchema, FailedScriptLeavesItsVersionRaised) {
     {
         ZorvDAL dal;
         EXPECT_FALSE(Open(dal, m_file));
-        EXPECT_TRUE(LogCapture::Instance().Contains(u"sqlite3_exec for schema size failed. rc: 1"));
     }
     SqliteProbe probe(m_file);
     EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "10");

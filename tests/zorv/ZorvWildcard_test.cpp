@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
+#include "TestSupport.h"
 #include "ZorvDataAccessLayer.h"
 
 namespace zorv {
@@ -11,41 +13,36 @@ namespace {
 
 bool Match(std::u16string_view text, std::u16string_view pattern) { return ZorvDAL::WildcardMatch(text, pattern); }
 
-TEST(Wildcard, PlainPatternMatchesOnlyByEquality) {
-    EXPECT_TRUE(Match(u"c:\\tools\\a.exe", u"c:\\tools\\a.exe"));
-    EXPECT_FALSE(Match(u"c:\\tools\\a.exe", u"c:\\tools\\"));
-    // The trailing-separator rewriting applies to patterns with wildcards only.
-    EXPECT_FALSE(Match(u"c:\\tools\\a.exe", u"c:\\tools"));
-    EXPECT_TRUE(Match(u"", u""));
-}
-
-TEST(Wildcard, StarAndQuestionStayWithinOneLevel) {
-    EXPECT_TRUE(Match(u"c:\\program files\\app.exe", u"c:\\program files\\*"));
-    EXPECT_FALSE(Match(u"c:\\program files\\app\\bin.exe", u"c:\\program files\\*"));
-    EXPECT_TRUE(Match(u"c:\\tools\\updater1.exe", u"c:\\tools\\updater?.exe"));
-    EXPECT_FALSE(Match(u"c:\\tools\\updater12.exe", u"c:\\tools\\updater?.exe"));
-    EXPECT_FALSE(Match(u"c:\\tools\\updater\\.exe", u"c:\\tools\\updater?.exe"));
-    EXPECT_FALSE(Match(u"c:\\tools\\a.exe", u"*.exe"));
-    EXPECT_TRUE(Match(u"a.exe", u"*.exe"));
-    EXPECT_TRUE(Match(u".exe", u"*.exe"));
-    EXPECT_FALSE(Match(u"c:/tools/a.exe", u"c:/*.exe"));
-}
-
-TEST(Wildcard, DoubleStarSpansAnyNumberOfLevels) {
-    EXPECT_TRUE(Match(u"c:\\program files\\app.exe", u"c:\\program files\\**"));
-    EXPECT_TRUE(Match(u"c:\\program files\\app\\bin.exe", u"c:\\program files\\**"));
-    EXPECT_TRUE(Match(u"c:\\a\\x\\y\\z\\b.exe", u"c:\\a\\**\\b.exe"));
-    EXPECT_TRUE(Match(u"c:\\a\\b.exe", u"c:\\a\\**\\b.exe"));
-    EXPECT_TRUE(Match(u"/opt/x/y/run", u"/opt/**/run"));
-    // Whole levels only: the run "**\" stands for ends at a separator.
-    EXPECT_FALSE(Match(u"c:\\a\\xb.exe", u"c:\\a\\**\\b.exe"));
-    EXPECT_FALSE(Match(u"c:\\b\\x.exe", u"c:\\a\\**"));
-}
-
-TEST(Wildcard, TrailingSeparatorMeansFilesDirectlyInside) {
-    EXPECT_TRUE(Match(u"c:\\tools\\a.exe", u"c:\\tool?\\"));
-    EXPECT_TRUE(Match(u"c:\\tools\\a.exe", u"c:\\*\\"));
-    EXPECT_FALSE(Match(u"c:\\tools\\sub\\a.exe", u"c:\\*\\"));
+TEST(Wildcard, PatternsMatchLevelByLevel) {
+    struct Case { std::u16string text, pattern; bool matches; };
+    const std::vector<Case> cases{
+        // Without '*' or '?' only equality counts, before any separator rewriting.
+        {u"c:\\tools\\a.exe", u"c:\\tools\\a.exe", true},
+        {u"c:\\tools\\a.exe", u"c:\\tools\\", false},
+        {u"c:\\tools\\a.exe", u"c:\\tools", false},
+        {u"", u"", true},
+        // '*' and '?' stay within one level.
+        {u"c:\\program files\\app.exe", u"c:\\program files\\*", true},
+        {u"c:\\program files\\app\\bin.exe", u"c:\\program files\\*", false},
+        {u"c:\\tools\\updater1.exe", u"c:\\tools\\updater?.exe", true},
+        {u"c:\\tools\\updater12.exe", u"c:\\tools\\updater?.exe", false},
+        {u"c:\\tools\\updater\\.exe", u"c:\\tools\\updater?.exe", false},
+        {u"c:\\tools\\a.exe", u"*.exe", false},
+        {u".exe", u"*.exe", true},
+        {u"c:/tools/a.exe", u"c:/*.exe", false},
+        // '**' spans any number of whole levels, none included.
+        {u"c:\\program files\\app\\bin.exe", u"c:\\program files\\**", true},
+        {u"c:\\a\\x\\y\\z\\b.exe", u"c:\\a\\**\\b.exe", true},
+        {u"c:\\a\\b.exe", u"c:\\a\\**\\b.exe", true},
+        {u"/opt/x/y/run", u"/opt/**/run", true},
+        {u"c:\\a\\xb.exe", u"c:\\a\\**\\b.exe", false},
+        {u"c:\\b\\x.exe", u"c:\\a\\**", false},
+        // A trailing separator means files directly inside.
+        {u"c:\\tools\\a.exe", u"c:\\tool?\\", true},
+        {u"c:\\tools\\a.exe", u"c:\\*\\", true},
+        {u"c:\\tools\\sub\\a.exe", u"c:\\*\\", false},
+    };
+    for (const Case& c : cases) EXPECT_EQ(Match(c.text, c.pattern), c.matches) << test::U8(c.text) << " ~ " << test::U8(c.pattern);
 }
 
 TEST(Wildcard, CostStaysBoundedOnHostilePatterns) {

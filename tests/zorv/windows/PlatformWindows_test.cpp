@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <memory>
 #include <string>
 
 #include "TestSupport.h"
@@ -21,19 +23,14 @@ bool RunningUnderWine() {
     return ntdll != nullptr && ::GetProcAddress(ntdll, "wine_get_version") != nullptr;
 }
 
-class OpenElsewhere {
-public:
-    OpenElsewhere(const std::filesystem::path& path, DWORD access, DWORD share)
-        : m_handle(::CreateFileW(path.wstring().c_str(), access, share, nullptr, OPEN_EXISTING,
-                                 FILE_ATTRIBUTE_NORMAL, nullptr)) {}
-    ~OpenElsewhere() {
-        if (m_handle != INVALID_HANDLE_VALUE) ::CloseHandle(m_handle);
-    }
-    bool valid() const { return m_handle != INVALID_HANDLE_VALUE; }
-
-private:
-    HANDLE m_handle;
+struct HandleCloser {
+    void operator()(HANDLE handle) const { ::CloseHandle(handle); }
 };
+// Another program's handle on the file; empty when the open was refused.
+std::unique_ptr<void, HandleCloser> OpenElsewhere(const std::filesystem::path& path, DWORD access, DWORD share) {
+    HANDLE handle = ::CreateFileW(path.wstring().c_str(), access, share, nullptr, OPEN_EXISTING, 0, nullptr);
+    return std::unique_ptr<void, HandleCloser>(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
+}
 
 // The times are read with sharing for reading only: a file another program is
 // writing is refused rather than measured mid-write, while readers are fine.
@@ -44,26 +41,21 @@ TEST(PlatformFileTimes, AWriterElsewhereIsASharingViolationButAReaderIsNot) {
     FileTimes times;
     uint32_t error = 0;
     bool openFailed = false;
-    {
-        OpenElsewhere writer(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-        ASSERT_TRUE(writer.valid());
-        EXPECT_FALSE(GetFileTimes(PathText(path), times, error, openFailed));
-        EXPECT_EQ(error, kErrorSharingViolation);
-        EXPECT_TRUE(openFailed);
-    }
-    {
-        OpenElsewhere reader(path, GENERIC_READ, FILE_SHARE_READ);
-        ASSERT_TRUE(reader.valid());
-        EXPECT_TRUE(GetFileTimes(PathText(path), times, error, openFailed)) << error;
-        EXPECT_EQ(error, 0u);
-    }
+    auto writer = OpenElsewhere(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    ASSERT_TRUE(writer);
+    EXPECT_FALSE(GetFileTimes(PathText(path), times, error, openFailed));
+    EXPECT_EQ(error, kErrorSharingViolation);
+    EXPECT_TRUE(openFailed);
+    writer.reset();
+    auto reader = OpenElsewhere(path, GENERIC_READ, FILE_SHARE_READ);
+    ASSERT_TRUE(reader);
+    EXPECT_TRUE(GetFileTimes(PathText(path), times, error, openFailed)) << error;
 }
 
 TEST(PlatformAttributes, SystemLibraryIsProtected) {
     wchar_t system[MAX_PATH];
     const UINT length = ::GetSystemDirectoryW(system, MAX_PATH);
-    ASSERT_GT(length, 0u);
-    ASSERT_LT(length, UINT{MAX_PATH});
+    ASSERT_TRUE(length > 0 && length < MAX_PATH);
     const std::wstring library = std::wstring(system, length) + L"\\kernel32.dll";
     const std::u16string path(library.begin(), library.end());
 
