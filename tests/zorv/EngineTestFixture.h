@@ -6,7 +6,7 @@
 
 #include <array>
 #include <cstdint>
-#include <filesystem>
+#include <cstdio>
 #include <string>
 
 #include "SqliteProbe.h"
@@ -22,46 +22,37 @@ namespace zorv::test {
 // One plug-in event; empty texts go out as null pointers, as absent fields do.
 struct PluginEvent {
     uint32_t type = AC_OP_PROCESS_CREATE;
-    std::u16string name;
-    std::u16string processName = u"c:\\windows\\explorer.exe";
-    std::u16string user = u"alice";
-    std::u16string oldName;
-    std::u16string cmdLine;
-    uint64_t pid = 100;
-    uint64_t size = 4096;
-    uint64_t mode = 0;
-    uint64_t ignoreChange = 0;
-    uint64_t flags = 0;
-    uint8_t isExec = 1;
-    uint8_t dirty = 1;
+    std::u16string name, processName = u"c:\\windows\\explorer.exe", user = u"alice", oldName, cmdLine;
+    uint64_t pid = 100, size = 4096, mode = 0, ignoreChange = 0, flags = 0;
+    uint8_t isExec = 1, dirty = 1;
     uint8_t digestFill = 0;  // 0: no SHA-256; otherwise 32 bytes of this value
     std::array<uint8_t, 32> digest{};
 
     AppCtlEvent Record() {
-        AppCtlEvent record{};
-        record.type = type;
-        record.pid = pid;
-        record.size = size;
-        record.mode = mode;
-        record.ignoreChange = ignoreChange;
-        record.flags = flags;
-        record.isExec = isExec;
-        record.dirty = dirty;
+        AppCtlEvent r{};
+        r.type = type;
+        r.pid = pid;
+        r.size = size;
+        r.mode = mode;
+        r.ignoreChange = ignoreChange;
+        r.flags = flags;
+        r.isExec = isExec;
+        r.dirty = dirty;
         auto text = [](const std::u16string& s) { return s.empty() ? nullptr : Host(s); };
-        record.name = text(name);
-        record.processName = text(processName);
-        record.user = text(user);
-        record.oldName = text(oldName);
-        record.cmdLine = text(cmdLine);
+        r.name = text(name);
+        r.processName = text(processName);
+        r.user = text(user);
+        r.oldName = text(oldName);
+        r.cmdLine = text(cmdLine);
         if (digestFill != 0) {
             digest.fill(digestFill);
-            record.fileSha256 = digest.data();
+            r.fileSha256 = digest.data();
         }
-        return record;
+        return r;
     }
 };
 
-// The policy as the library holds it at load.
+// The policy as the library holds it at load; it outlives engine_stop by design.
 inline void ResetPolicy() {
     AppControlConfig& config = AppControlConfig::Instance();
     config.SetAutoAuthorizeStartTime(AppControlConfig::kTimeNotKnown);
@@ -76,14 +67,19 @@ inline void ResetPolicy() {
     config.SetRebuildState(0);
 }
 
+// Routes the log into LogCapture at every level without starting an engine.
+inline void CaptureLog() {
+    ZorvLogger::Instance().InitLogger(&LogCapture::Callback, 0xF);
+    ZorvLogger::Instance().SetLevel(0xF);
+    LogCapture::Instance().Clear();
+}
+
 class EngineFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         ResetPolicy();
         ZorvLogger::Instance().SetLevel(0xF);
-        const EngineStartParams params = StartParams(&m_dbPath);
-        ASSERT_EQ(engine_start(&params), AC_OK);
-        LogCapture::Instance().Clear();
+        Restart();
     }
     void TearDown() override {
         engine_stop();
@@ -103,17 +99,13 @@ protected:
     // An inventory row whose SHA-256 is 32 bytes of `fill`.
     void AddItem(uint8_t fill, uint64_t size, int source, int isAuthorized, const std::string& fileName = "a.exe",
                  const std::string& path = "c:\\apps") {
-        std::string hex = "X'";
-        for (int i = 0; i < 32; ++i) {
-            static constexpr char kDigits[] = "0123456789abcdef";
-            hex += kDigits[fill >> 4];
-            hex += kDigits[fill & 15];
-        }
-        hex += "'";
-        Probe().Exec(
-            "INSERT INTO InventoryItems(fileName, path, sha256, size, isAuthorized, source, ruleset) VALUES('" +
-            fileName + "', '" + path + "', " + hex + ", " + std::to_string(size) + ", " + std::to_string(isAuthorized) +
-            ", " + std::to_string(source) + ", 'r');");
+        char byte[3];
+        std::snprintf(byte, sizeof byte, "%02x", fill);
+        std::string hex;
+        for (int i = 0; i < 32; ++i) hex += byte;
+        Probe().Exec("INSERT INTO InventoryItems(fileName, path, sha256, size, isAuthorized, source, ruleset) "
+                     "VALUES('" + fileName + "', '" + path + "', X'" + hex + "', " + std::to_string(size) + ", " +
+                     std::to_string(isAuthorized) + ", " + std::to_string(source) + ", 'r');");
     }
     // A trust rule; call Restart() before the events that should see it.
     void AddRule(const std::string& columns, const std::string& values) {
@@ -122,7 +114,7 @@ protected:
     long long ItemCount(const std::string& where = "1") { return Probe().Count("InventoryItems WHERE " + where); }
 
     // Runs one event through app_ctl; the status lands in `status`.
-    AppCtlResult Run(PluginEvent& event, uint32_t* status = nullptr) {
+    AppCtlResult Run(PluginEvent event, uint32_t* status = nullptr) {
         AppCtlEvent record = event.Record();
         AppCtlResult result{};
         const uint32_t answer = app_ctl(nullptr, &record, &result);
@@ -134,7 +126,7 @@ protected:
     static bool Logged(std::u16string_view message) { return LogCapture::Instance().Contains(message); }
     static bool LoggedStartingWith(std::u16string_view prefix) {
         for (const auto& message : LogCapture::Instance().Messages()) {
-            if (std::u16string_view(message).starts_with(prefix)) return true;
+            if (message.starts_with(prefix)) return true;
         }
         return false;
     }

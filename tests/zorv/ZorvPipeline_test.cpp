@@ -26,7 +26,6 @@ TEST_F(ZorvPipeline, CacheCheckIsAnsweredFromAllowsUntilTheTargetOrRulesetChange
     AppCtlResult result = Run(check);
     EXPECT_EQ(result.action, AC_DECISION_IGNORED);
     EXPECT_EQ(result.isAuthorized, AC_REASON_NONE);
-    EXPECT_TRUE(Logged(u"AllowCache miss for user: alice process: c:\\windows\\explorer.exe target: c:\\apps\\a.exe"));
 
     ASSERT_EQ(Run(start).action, AC_DECISION_ALLOW);
     LogCapture::Instance().Clear();
@@ -58,7 +57,6 @@ TEST_F(ZorvPipeline, CacheMissExcludedByTrustRuleIsRememberedAsAllowed) {
     EXPECT_EQ(result.action, AC_DECISION_IGNORED);
     EXPECT_EQ(result.isAuthorized, AC_REASON_EXCLUDED);
     EXPECT_EQ(Metric(u"EventExcludedByTrustRule"), excluded + 1);
-    EXPECT_TRUE(Logged(u"Exclude event in directory c:\\data because of exclude trust rule"));
     EXPECT_EQ(Run(check).isAuthorized, AC_REASON_APPROVED);
 }
 
@@ -71,7 +69,6 @@ TEST_F(ZorvPipeline, IgnoredAndUnjudgeableOperations) {
     uint32_t status = 0;
     EXPECT_EQ(Run(created, &status).action, AC_DECISION_IGNORED);
     EXPECT_EQ(status, AC_OK);
-    EXPECT_TRUE(Logged(u"Not Handling Event of type: 16"));
     EXPECT_EQ(Metric(u"TotalIgnoredEvent"), ignored + 1);
 
     // A change the plug-in asks to leave alone, a mapping without execute and
@@ -102,7 +99,6 @@ TEST_F(ZorvPipeline, ChangeInExcludedDirectoryIsIgnoredOutsideMaintenanceOnly) {
 
     AppControlConfig::Instance().SetMaintenanceMode(true);
     EXPECT_NE(Run(change).isAuthorized, AC_REASON_EXCLUDED);
-    EXPECT_TRUE(Logged(u"Handling event of type: 4"));
 }
 
 TEST_F(ZorvPipeline, InterpreterOpeningAScriptBecomesAScriptStart) {

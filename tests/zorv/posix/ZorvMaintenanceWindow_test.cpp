@@ -12,7 +12,6 @@
 namespace zorv {
 namespace {
 
-using test::LogCapture;
 using test::PluginEvent;
 
 constexpr uint64_t kHour = 3600 * 1000;
@@ -45,22 +44,10 @@ TEST_F(ZorvMaintenanceWindow, FileTimesInsideTheWindowAreApproved) {
     EXPECT_TRUE(Authorize(written, start, start - 1)) << "an end before the start leaves the window open";
     EXPECT_FALSE(Authorize(written, start, start + 1000)) << "the end itself is outside";
     EXPECT_TRUE(Authorize(written, start, start + 1001));
+    EXPECT_FALSE(Authorize(FileWithTimes("old.exe", start - kHour, start), start, kAll)) << "the start is outside";
+    EXPECT_FALSE(Authorize(FileWithTimes("future.exe", start + 1000, m_now + 24 * kHour), start, kAll));
 
-    const auto before = FileWithTimes("old.exe", start - kHour, start);
-    LogCapture::Instance().Clear();
-    EXPECT_FALSE(Authorize(before, start, kAll));
-    EXPECT_TRUE(LoggedStartingWith(u"[Maintenance] Unrecognized file " + before +
-                                   u" not approved because create/modified time is before authorize start time. "
-                                   u"createTime: " +
-                                   test::U16(std::to_string(start - kHour)) + u" modifiedTime: " +
-                                   test::U16(std::to_string(start)) + u" authorizeStartTime: " +
-                                   test::U16(std::to_string(start)) + u" now: "));
-
-    const auto future = FileWithTimes("future.exe", start + 1000, m_now + 24 * kHour);
-    EXPECT_FALSE(Authorize(future, start, kAll));
-}
-
-TEST_F(ZorvMaintenanceWindow, UnknownOrZeroStartRefusesWithoutTouchingTheFile) {
+    // An unknown or zero start refuses before the file is even opened.
     const std::u16string missing = test::PathText(m_dir / "missing.exe");
     EXPECT_FALSE(Authorize(missing, 0, kAll));
     EXPECT_FALSE(Authorize(missing, kAll, kAll));
@@ -70,14 +57,11 @@ TEST_F(ZorvMaintenanceWindow, UnknownOrZeroStartRefusesWithoutTouchingTheFile) {
 }
 
 TEST_F(ZorvMaintenanceWindow, UnknownExecutableWrittenDuringMaintenanceIsApprovedAndLearned) {
-    AppControlConfig::Instance().SetLockdown(true);
-    ASSERT_EQ(set_config(AC_CONFIG_AUTO_AUTHORIZE, m_now - kHour, kAll), AC_OK);
-    AppControlConfig::Instance().SetLockdown(true);
+    ASSERT_EQ(set_config(AC_CONFIG_AUTO_AUTHORIZE | AC_CONFIG_LOCKDOWN, m_now - kHour, kAll), AC_OK);
     AppControlConfig::Instance().SetManifestApplied(true);
     const uint64_t approved = Metric(u"AutoAuthorizeByFileTime");
-
     PluginEvent start;
-    start.name = FileWithTimes("setup.exe", m_now - 30 * 60 * 1000, m_now - 30 * 60 * 1000);
+    start.name = FileWithTimes("setup.exe", m_now - kHour / 2, m_now - kHour / 2);
     start.digestFill = 0xF1;
     uint32_t status = 0;
     AppCtlResult result = Run(start, &status);
@@ -90,19 +74,19 @@ TEST_F(ZorvMaintenanceWindow, UnknownExecutableWrittenDuringMaintenanceIsApprove
     // The window outlives maintenance mode: ending it only stamps the end.
     ASSERT_EQ(set_config(AC_CONFIG_LOCKDOWN, 0, 0), AC_OK);
     AppControlConfig::Instance().SetManifestApplied(true);
-    PluginEvent older = start;
-    older.name = FileWithTimes("older.exe", m_now - 3 * kHour, m_now - 3 * kHour);
-    older.digestFill = 0xF2;
-    EXPECT_EQ(Run(older, &status).action, AC_DECISION_BLOCK);
+    start.name = FileWithTimes("older.exe", m_now - 3 * kHour, m_now - 3 * kHour);
+    start.digestFill = 0xF2;
+    EXPECT_EQ(Run(start, &status).action, AC_DECISION_BLOCK);
     EXPECT_EQ(status, AC_BLOCKED);
 }
 
 TEST_F(ZorvMaintenanceWindow, TimeStampModeApprovesFilesOlderThanTheUpgrade) {
-    const uint64_t upgradeSeconds = (m_now - 48 * kHour) / 1000;
-    Probe().Exec("UPDATE AppControlState SET settingValue = '" + std::to_string(upgradeSeconds) +
-                 "' WHERE settingName = 'upgradetime'");
-    // A fresh store has HTML handling enabled, which ends time-stamp mode.
-    Probe().Exec("UPDATE AppControlState SET settingValue = '0' WHERE settingName = 'enableHTML'");
+    auto setting = [&](const std::string& name, uint64_t value) {
+        Probe().Exec("UPDATE AppControlState SET settingValue = '" + std::to_string(value) +
+                     "' WHERE settingName = '" + name + "'");
+    };
+    setting("upgradetime", (m_now - 48 * kHour) / 1000);
+    setting("enableHTML", 0);  // a fresh store has HTML handling enabled, which ends time-stamp mode
     AppControlConfig::Instance().SetLockdown(true);
     const uint64_t approved = Metric(u"AutoAuthorizeByTimeStamp");
 
@@ -110,31 +94,22 @@ TEST_F(ZorvMaintenanceWindow, TimeStampModeApprovesFilesOlderThanTheUpgrade) {
     page.type = AC_OP_SECTION_MAP;
     page.mode = 4;
     page.processName = u"c:\\program files\\google\\chrome\\application\\chrome.exe";
-    page.name = FileWithTimes("page.html", m_now - 72 * kHour, m_now - 72 * kHour);
-    page.digestFill = 0xF3;
-    AppCtlResult result = Run(page);
+    auto open = [&](const std::string& file, uint64_t age, uint8_t digest) {
+        page.name = FileWithTimes(file, m_now - age, m_now - age);
+        page.digestFill = digest;
+        return Run(page);
+    };
+    const AppCtlResult result = open("page.html", 72 * kHour, 0xF3);
     EXPECT_EQ(result.action, AC_DECISION_ALLOW);
     EXPECT_EQ(result.isAuthorized, AC_REASON_TRUSTED);
     EXPECT_EQ(Metric(u"AutoAuthorizeByTimeStamp"), approved + 1);
-    EXPECT_TRUE(Logged(u"[TIMESTAMP MODE] start time: 1000 end time: " +
-                       test::U16(std::to_string(upgradeSeconds * 1000)) + u" Handling event of type: 9"));
+    EXPECT_EQ(open("fresh.html", 24 * kHour, 0xF4).action, AC_DECISION_BLOCK) << "written after the upgrade";
 
-    // Written after the upgrade: not approved.
-    page.name = FileWithTimes("fresh.html", m_now - 24 * kHour, m_now - 24 * kHour);
-    page.digestFill = 0xF4;
-    EXPECT_EQ(Run(page).action, AC_DECISION_BLOCK);
-
-    // Once the agent enables HTML handling the browser gets no such approval.
-    Probe().Exec("UPDATE AppControlState SET settingValue = '1' WHERE settingName = 'enableHTML'");
-    page.name = FileWithTimes("later.html", m_now - 72 * kHour, m_now - 72 * kHour);
-    page.digestFill = 0xF6;
-    EXPECT_EQ(Run(page).action, AC_DECISION_BLOCK);
-
-    // A process type without time-stamp mode never gets this approval.
+    setting("enableHTML", 1);
+    EXPECT_EQ(open("later.html", 72 * kHour, 0xF6).action, AC_DECISION_BLOCK) << "the agent enabled HTML handling";
+    setting("enableHTML", 0);
     page.processName = u"c:\\windows\\explorer.exe";
-    page.name = FileWithTimes("other.html", m_now - 72 * kHour, m_now - 72 * kHour);
-    page.digestFill = 0xF5;
-    EXPECT_EQ(Run(page).action, AC_DECISION_BLOCK);
+    EXPECT_EQ(open("other.html", 72 * kHour, 0xF5).action, AC_DECISION_BLOCK) << "a type without time-stamp mode";
 }
 
 }  // namespace
