@@ -176,15 +176,20 @@ std::string_view ParseErrorText() {
     return std::string_view(where, length);
 }
 
-// Parses a ruleset; null (and logged) when it does not parse. Any JSON value
-// is accepted: keys are looked up in it, and a value that is not an object
-// simply has none.
+// Parses a ruleset; null (and logged) when it does not parse or is not an
+// object. Inside the object every value is taken as it comes.
 JsonPtr ParseRuleset(const char* text) {
     JsonPtr document(cJSON_Parse(text));
     if (!document) {
         ZORV_LOG(kLogError, kImportFn, u"Ruleset parse error");
         const std::string_view where = ParseErrorText();
         if (!where.empty()) ZORV_LOG(kLogError, kImportFn, u"%s", std::string(where));
+        return nullptr;
+    }
+    // An array, string or number parses, but holds none of the keys; imported,
+    // it would read as an empty ruleset and a replace would wipe the old one.
+    if (!cJSON_IsObject(document.get())) {
+        ZORV_LOG(kLogError, kImportFn, u"Ruleset is not a JSON object");
         return nullptr;
     }
     return document;
@@ -740,7 +745,10 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
 
     char sql[512];
     const auto after = static_cast<unsigned long long>(afterItemId);
-    const auto count = static_cast<unsigned long long>(limit);
+    // SQLite reads an integer literal beyond the signed 64-bit range as a real,
+    // and LIMIT refuses a real: a host asking for "all" with every bit set
+    // would get an error instead of its page. No table holds that many rows.
+    const auto count = static_cast<unsigned long long>(std::min<uint64_t>(limit, INT64_MAX));
     if (source == AC_SOURCE_TRUST_RULE) {
         std::snprintf(sql, sizeof(sql),
                       "SELECT trustRuleId, paths, hitcount, processName, ruleset, trustType, signerName, productName, "
