@@ -1,6 +1,6 @@
 // The allow cache's price per event: hits and misses on a warm cache, alone
-// and with several event threads contending for its one mutex, beside the
-// same nested maps with no lock at all (the floor the lock is judged against).
+// and with several event threads sharing its one lock, beside the same nested
+// maps with no lock at all (the floor the lock is judged against).
 #include <benchmark/benchmark.h>
 
 #include <string>

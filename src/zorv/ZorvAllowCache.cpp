@@ -2,31 +2,85 @@
 
 #include <cjson/cJSON.h>
 
+#include <thread>
+
 namespace zorv {
 
 namespace {
 
 constexpr std::memory_order kRelaxed = std::memory_order_relaxed;
 
-// Every writer holds the cache's mutex, so relaxed order is enough: the lock
-// orders the writes, and lock-free readers accept a slightly stale value.
+// Relaxed order is enough: each counter is its own total, the lock orders the
+// map changes, and lock-free readers accept a slightly stale value.
 void Bump(std::atomic<uint64_t>& counter) { counter.fetch_add(1, kRelaxed); }
 
 void RaiseTo(std::atomic<uint64_t>& counter, uint64_t value) {
     if (counter.load(kRelaxed) < value) counter.store(value, kRelaxed);
 }
 
+// Hands each thread the next slot in turn, once: its lock slot and its set of
+// lookup counters in every cache. Threads beyond the slot count share, which
+// costs speed, never correctness.
+std::atomic<size_t> g_nextThreadSlot{0};
+
+size_t ThreadSlot() {
+    thread_local const size_t slot = g_nextThreadSlot.fetch_add(1, kRelaxed);
+    return slot;
+}
+
 }  // namespace
+
+void AllowCache::SlottedSharedMutex::lock_shared() {
+    Slot& slot = m_slots[ThreadSlot() % kSlots];
+    for (;;) {
+        // Mark, then look. Both sides are sequentially consistent, so a writer
+        // either sees this mark or this reader sees the writer's flag.
+        slot.readers.fetch_add(1, std::memory_order_seq_cst);
+        if (!m_writing.load(std::memory_order_seq_cst)) return;
+        slot.readers.fetch_sub(1, std::memory_order_release);
+        while (m_writing.load(std::memory_order_acquire)) std::this_thread::yield();
+    }
+}
+
+void AllowCache::SlottedSharedMutex::unlock_shared() {
+    m_slots[ThreadSlot() % kSlots].readers.fetch_sub(1, std::memory_order_release);
+}
+
+void AllowCache::SlottedSharedMutex::lock() {
+    m_writers.lock();
+    m_writing.store(true, std::memory_order_seq_cst);
+    for (Slot& slot : m_slots) {
+        while (slot.readers.load(std::memory_order_seq_cst) != 0) std::this_thread::yield();
+    }
+}
+
+void AllowCache::SlottedSharedMutex::unlock() {
+    m_writing.store(false, std::memory_order_release);
+    m_writers.unlock();
+}
+
+AllowCache::LookupCounters& AllowCache::ThisThreadsLookupCounters() {
+    return m_lookups[ThreadSlot() % kLookupCounterSets];
+}
 
 uint32_t AllowCache::Add(const std::u16string& user, const std::u16string& process, const std::u16string& target) {
     // Read before locking: a concurrent Add may slip a few targets past the
     // limit, which is cheaper than making every addition test under the lock.
     if (m_targetCount.load(kRelaxed) >= kMaxTargets) {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<SlottedSharedMutex> lock(m_mutex);
         ClearLocked();
     }
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    // Every allowed execution is added again after its decision, and nearly
+    // all of them are already known: answer those under the shared lock, so
+    // they do not stall the cache checks of other threads. A known triple
+    // changes no counter, so skipping the exclusive path changes nothing.
+    {
+        std::shared_lock<SlottedSharedMutex> lock(m_mutex);
+        if (ContainsLocked(user, process, target)) return 0;
+    }
+
+    std::lock_guard<SlottedSharedMutex> lock(m_mutex);
     auto targetIt = m_targets.find(target);
     if (targetIt == m_targets.end()) {
         Processes processes;
@@ -56,31 +110,40 @@ uint32_t AllowCache::Add(const std::u16string& user, const std::u16string& proce
     return 0;
 }
 
+bool AllowCache::ContainsLocked(const std::u16string& user, const std::u16string& process,
+                                const std::u16string& target) const {
+    const auto targetIt = m_targets.find(target);
+    if (targetIt == m_targets.end()) return false;
+    const auto processIt = targetIt->second.find(process);
+    return processIt != targetIt->second.end() && processIt->second.count(user) != 0;
+}
+
 bool AllowCache::Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    LookupCounters& counters = ThisThreadsLookupCounters();
+    std::shared_lock<SlottedSharedMutex> lock(m_mutex);
     const auto targetIt = m_targets.find(target);
     if (targetIt == m_targets.end()) {
-        Bump(m_counters.targetMiss);
-        Bump(m_counters.miss);
+        Bump(counters.targetMiss);
+        Bump(counters.miss);
         return false;
     }
     const auto processIt = targetIt->second.find(process);
     if (processIt == targetIt->second.end()) {
-        Bump(m_counters.processMiss);
-        Bump(m_counters.miss);
+        Bump(counters.processMiss);
+        Bump(counters.miss);
         return false;
     }
     if (processIt->second.count(user) == 0) {
-        Bump(m_counters.userMiss);
-        Bump(m_counters.miss);
+        Bump(counters.userMiss);
+        Bump(counters.miss);
         return false;
     }
-    Bump(m_counters.hit);
+    Bump(counters.hit);
     return true;
 }
 
 uint32_t AllowCache::Remove(const std::u16string& target) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<SlottedSharedMutex> lock(m_mutex);
     if (m_targets.erase(target) != 0) {
         m_targetCount.store(m_targets.size(), kRelaxed);
         Bump(m_counters.removeHit);
@@ -91,7 +154,7 @@ uint32_t AllowCache::Remove(const std::u16string& target) {
 }
 
 void AllowCache::Clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<SlottedSharedMutex> lock(m_mutex);
     ClearLocked();
 }
 
@@ -99,11 +162,16 @@ void AllowCache::ClearLocked() {
     m_targets.clear();
     m_targetCount.store(0, kRelaxed);
     Bump(m_counters.clear);
-    for (std::atomic<uint64_t>* counter :
-         {&m_counters.add, &m_counters.change, &m_counters.removeHit, &m_counters.removeMiss, &m_counters.hit,
-          &m_counters.miss, &m_counters.targetMiss, &m_counters.processMiss, &m_counters.userMiss,
-          &m_counters.lastSize, &m_counters.maxDepth}) {
+    for (std::atomic<uint64_t>* counter : {&m_counters.add, &m_counters.change, &m_counters.removeHit,
+                                           &m_counters.removeMiss, &m_counters.lastSize, &m_counters.maxDepth}) {
         counter->store(0, kRelaxed);
+    }
+    // No lookup runs now: they hold the lock shared, this caller holds it alone.
+    for (LookupCounters& set : m_lookups) {
+        for (std::atomic<uint64_t>* counter :
+             {&set.hit, &set.miss, &set.targetMiss, &set.processMiss, &set.userMiss}) {
+            counter->store(0, kRelaxed);
+        }
     }
 }
 
@@ -114,11 +182,13 @@ AllowCache::Counters AllowCache::GetCounters() const {
     c.clear = m_counters.clear.load(kRelaxed);
     c.removeHit = m_counters.removeHit.load(kRelaxed);
     c.removeMiss = m_counters.removeMiss.load(kRelaxed);
-    c.hit = m_counters.hit.load(kRelaxed);
-    c.miss = m_counters.miss.load(kRelaxed);
-    c.targetMiss = m_counters.targetMiss.load(kRelaxed);
-    c.processMiss = m_counters.processMiss.load(kRelaxed);
-    c.userMiss = m_counters.userMiss.load(kRelaxed);
+    for (const LookupCounters& set : m_lookups) {
+        c.hit += set.hit.load(kRelaxed);
+        c.miss += set.miss.load(kRelaxed);
+        c.targetMiss += set.targetMiss.load(kRelaxed);
+        c.processMiss += set.processMiss.load(kRelaxed);
+        c.userMiss += set.userMiss.load(kRelaxed);
+    }
     c.lastSize = m_counters.lastSize.load(kRelaxed);
     c.maxDepth = m_counters.maxDepth.load(kRelaxed);
     c.mapSize = m_targetCount.load(kRelaxed);

@@ -2,17 +2,21 @@
 // has already allowed, so that a repeat is answered with three hash lookups
 // instead of a rule-store query. Owned by the engine; nothing is persisted.
 //
-// Thread-safe: one mutex guards the maps and every counter update. Two reads
-// happen without it on purpose: the size test at the start of Add (a racing
-// addition may overshoot the limit by a few targets) and the counter reads of
-// AddMetrics (a metrics document may be a moment stale). Both read atomics, so
-// neither is a data race. No operation calls out of the cache under the lock.
+// Thread-safe: one reader-writer lock guards the maps. Lookups share it, so
+// event threads answering cache checks never wait for one another, nor write
+// to a cache line another reader writes; changes take it alone. Counters are relaxed atomics, bumped under either mode. Two
+// reads happen without the lock on purpose: the size test at the start of Add
+// (a racing addition may overshoot the limit by a few targets) and the counter
+// reads of AddMetrics (a metrics document may be a moment stale). Both read
+// atomics, so neither is a data race. No operation calls out of the cache
+// under the lock.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <shared_mutex>  // std::shared_lock
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -65,33 +69,76 @@ public:
     Counters GetCounters() const;
 
 private:
+    // A reader-writer lock whose readers do not share a cache line: each marks
+    // its own slot, chosen once per thread, so cache checks on several threads
+    // run side by side instead of passing one lock word's line back and forth
+    // (that traffic alone cost more than the three lookups). A writer raises
+    // its flag, then waits until every slot is empty; a reader that sees the
+    // flag steps back and waits for it to drop. Writers are rare here (a new
+    // target, a removal, a clear) and hold it briefly, so both sides wait by
+    // yielding. Meets the SharedMutex requirements, for std::shared_lock and
+    // std::lock_guard.
+    class SlottedSharedMutex {
+    public:
+        static constexpr size_t kSlots = 16;
+        void lock();
+        void unlock();
+        void lock_shared();
+        void unlock_shared();
+
+    private:
+        struct alignas(64) Slot {
+            std::atomic<uint32_t> readers{0};
+        };
+        Slot m_slots[kSlots];
+        alignas(64) std::atomic<bool> m_writing{false};
+        std::mutex m_writers;  // one writer at a time
+    };
+
     using Users = std::unordered_set<std::u16string>;
     using Processes = std::unordered_map<std::u16string, Users>;
     using Targets = std::unordered_map<std::u16string, Processes>;
 
     void ClearLocked();
+    // The three lookups of Contains without the counters; the caller holds the lock.
+    bool ContainsLocked(const std::u16string& user, const std::u16string& process,
+                        const std::u16string& target) const;
 
-    // Counters are written under m_mutex but are atomics so that AddMetrics
-    // and the size test of Add may read them without it.
-    struct AtomicCounters {
+    // Changed only under the exclusive lock; atomics so that AddMetrics and
+    // the size test of Add may read them without it.
+    struct alignas(64) AtomicCounters {
         std::atomic<uint64_t> add{0};
         std::atomic<uint64_t> change{0};
         std::atomic<uint64_t> clear{0};
         std::atomic<uint64_t> removeHit{0};
         std::atomic<uint64_t> removeMiss{0};
+        std::atomic<uint64_t> lastSize{0};
+        std::atomic<uint64_t> maxDepth{0};
+    };
+
+    // The counters every lookup bumps, under the shared lock. One set per
+    // cache line, and each thread keeps to one set: threads checking at once
+    // would otherwise take turns owning a single line, and that alone costs
+    // more than the lookup. Readers add the sets up.
+    struct alignas(64) LookupCounters {
         std::atomic<uint64_t> hit{0};
         std::atomic<uint64_t> miss{0};
         std::atomic<uint64_t> targetMiss{0};
         std::atomic<uint64_t> processMiss{0};
         std::atomic<uint64_t> userMiss{0};
-        std::atomic<uint64_t> lastSize{0};
-        std::atomic<uint64_t> maxDepth{0};
     };
+    static constexpr size_t kLookupCounterSets = SlottedSharedMutex::kSlots;
+    LookupCounters& ThisThreadsLookupCounters();
 
-    mutable std::mutex m_mutex;  // guards m_targets and every counter update
-    Targets m_targets;
+    // Guards m_targets: shared by Contains and by the first, read-only look of
+    // Add; exclusive for every change.
+    SlottedSharedMutex m_mutex;
+    // On a line of its own: readers only read it, and nothing near it changes
+    // on every lookup.
+    alignas(64) Targets m_targets;
     std::atomic<size_t> m_targetCount{0};  // m_targets.size(), readable without the lock
     AtomicCounters m_counters;
+    LookupCounters m_lookups[kLookupCounterSets];
 };
 
 }  // namespace zorv
