@@ -26,6 +26,7 @@
 
 #include "Zorv.h"
 #include "ZorvDataAccessLayer.h"
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
@@ -37,21 +38,12 @@ namespace zorv {
 
 namespace {
 
+using dal::kInsertItemTempTableSQL;
+using dal::kInsertTrustRuleTempTableSQL;
+using dal::kInsertUserListTempTableSQL;
+
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayerImport";
 constexpr char16_t kImportFn[] = u"ZorvDAL::ImportRulesetBuffer";
-
-// The import's own inserts, into the replacement tables. Prepared on the first
-// import that needs them and kept: SQLite re-prepares them after each swap.
-constexpr char kInsertItemTempTableSQL[] =
-    "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "
-    "isAuthorized, ruleset ) VALUES( :md5, :sha1, :sha256, :source, :fileName, :path, :nativePath, :size, "
-    ":recordTime, :isAuthorized, :ruleset );";
-constexpr char kInsertTrustRuleTempTableSQL[] =
-    "INSERT INTO Temp_TrustRules( processName, paths, trustType, signerName, productName, companyName, sha256, "
-    "issuerCN, issuerC, issuerL, issuerS, issuerO, issuerOU, ruleset, procUser, procGroup, userList ) VALUES( "
-    ":processName, :paths, :trustType, :signerName, :productName, :companyName, :sha256, :issuerCN, :issuerC, "
-    ":issuerL, :issuerS, :issuerO, :issuerOU, :ruleset, :procUser, :procGroup, :userList );";
-constexpr char kInsertUserListTempTableSQL[] = "INSERT INTO Temp_UserList( id, user ) VALUES( :id, :user );";
 
 struct JsonDeleter {
     void operator()(cJSON* json) const { cJSON_Delete(json); }

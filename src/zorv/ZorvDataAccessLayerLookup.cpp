@@ -10,6 +10,7 @@
 
 #include "Zorv.h"
 #include "ZorvDataAccessLayer.h"
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
@@ -17,6 +18,8 @@
 namespace zorv {
 
 namespace {
+
+using dal::TracedLock;
 
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
 
@@ -152,28 +155,6 @@ bool MatchCompiled(std::u16string_view text, const CompiledPattern& pattern) {
 }
 
 // ---- Database helpers ----
-
-// Takes the database lock with the TRACE pair of every locked operation: the
-// first line before waiting, the second just before releasing.
-class TracedLock {
-public:
-    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
-        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
-        ZORV_LOG(kLogTrace, m_function, lockLine);
-        m_mutex.lock();
-    }
-    ~TracedLock() {
-        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
-        m_mutex.unlock();
-    }
-    TracedLock(const TracedLock&) = delete;
-    TracedLock& operator=(const TracedLock&) = delete;
-
-private:
-    std::mutex& m_mutex;
-    const char16_t* m_function;
-    const char16_t* m_unlockLine;
-};
 
 // Columns of "SELECT * FROM InventoryItems".
 constexpr int kItemId = 0;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ZorvDataAccessLayer.h"
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
 #include "platform/Platform.h"
@@ -13,28 +14,9 @@ namespace zorv {
 
 namespace {
 
+using dal::TracedLock;
+
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
-
-// The database lock with the operation's TRACE pair around it.
-class TracedLock {
-public:
-    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
-        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
-        ZORV_LOG(kLogTrace, m_function, lockLine);
-        m_mutex.lock();
-    }
-    ~TracedLock() {
-        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
-        m_mutex.unlock();
-    }
-    TracedLock(const TracedLock&) = delete;
-    TracedLock& operator=(const TracedLock&) = delete;
-
-private:
-    std::mutex& m_mutex;
-    const char16_t* m_function;
-    const char16_t* m_unlockLine;
-};
 
 // A NULL column adds nothing: the key is simply absent from the object.
 void AddTextColumn(cJSON* object, const char* key, sqlite3_stmt* stmt, int column) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ZorvDataAccessLayer.h"
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvQuery.h"
 #include "ZorvStats.h"
@@ -15,49 +16,21 @@ namespace zorv {
 
 namespace {
 
+using dal::TracedLock;
+using dal::kInsertItemTempTableSQL;
+using dal::kInsertTrustRuleTempTableSQL;
+using dal::kInsertUserListTempTableSQL;
+
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
 
 // A buffer is written out once an append leaves more than this many entries.
 constexpr size_t kBufferFlushThreshold = 50;
-
-constexpr char kInsertItemTempTableSQL[] =
-    "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "
-    "isAuthorized, ruleset ) VALUES( :md5, :sha1, :sha256, :source, :fileName, :path, :nativePath, :size, "
-    ":recordTime, :isAuthorized, :ruleset );";
-constexpr char kInsertTrustRuleTempTableSQL[] =
-    "INSERT INTO Temp_TrustRules( processName, paths, trustType, signerName, productName, companyName, sha256, "
-    "issuerCN, issuerC, issuerL, issuerS, issuerO, issuerOU, ruleset, procUser, procGroup, userList ) VALUES( "
-    ":processName, :paths, :trustType, :signerName, :productName, :companyName, :sha256, :issuerCN, :issuerC, "
-    ":issuerL, :issuerS, :issuerO, :issuerOU, :ruleset, :procUser, :procGroup, :userList );";
-constexpr char kInsertUserListTempTableSQL[] = "INSERT INTO Temp_UserList( id, user ) VALUES( :id, :user );";
 
 // Issuer fields in their fixed order CN, C, S, L, O, OU.
 constexpr const char* kIssuerParameters[6] = {":issuerCN", ":issuerC", ":issuerS",
                                               ":issuerL",  ":issuerO", ":issuerOU"};
 constexpr const char16_t* kIssuerDisplayNames[6] = {u"IssuerCN", u"IssuerC", u"IssuerS",
                                                     u"IssuerL",  u"IssuerO", u"IssuerOU"};
-
-// Takes the database lock with the TRACE pair every locked operation logs:
-// the first line before waiting, the second just before releasing.
-class TracedLock {
-public:
-    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
-        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
-        ZORV_LOG(kLogTrace, m_function, lockLine);
-        m_mutex.lock();
-    }
-    ~TracedLock() {
-        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
-        m_mutex.unlock();
-    }
-    TracedLock(const TracedLock&) = delete;
-    TracedLock& operator=(const TracedLock&) = delete;
-
-private:
-    std::mutex& m_mutex;
-    const char16_t* m_function;
-    const char16_t* m_unlockLine;
-};
 
 int ParameterIndex(sqlite3_stmt* stmt, const char* name) { return sqlite3_bind_parameter_index(stmt, name); }
 

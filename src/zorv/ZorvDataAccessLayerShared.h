@@ -1,0 +1,46 @@
+// Pieces shared by the files that implement ZorvDAL, and by nothing else.
+#pragma once
+
+#include <mutex>
+
+#include "ZorvLogger.h"
+
+namespace zorv::dal {
+
+inline constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
+
+// The import's inserts into the replacement tables, prepared on first use.
+inline constexpr char kInsertItemTempTableSQL[] =
+    "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "
+    "isAuthorized, ruleset ) VALUES( :md5, :sha1, :sha256, :source, :fileName, :path, :nativePath, :size, "
+    ":recordTime, :isAuthorized, :ruleset );";
+inline constexpr char kInsertTrustRuleTempTableSQL[] =
+    "INSERT INTO Temp_TrustRules( processName, paths, trustType, signerName, productName, companyName, sha256, "
+    "issuerCN, issuerC, issuerL, issuerS, issuerO, issuerOU, ruleset, procUser, procGroup, userList ) VALUES( "
+    ":processName, :paths, :trustType, :signerName, :productName, :companyName, :sha256, :issuerCN, :issuerC, "
+    ":issuerL, :issuerS, :issuerO, :issuerOU, :ruleset, :procUser, :procGroup, :userList );";
+inline constexpr char kInsertUserListTempTableSQL[] = "INSERT INTO Temp_UserList( id, user ) VALUES( :id, :user );";
+
+// Takes the database lock with the TRACE pair every locked operation logs:
+// the first line before waiting, the second just before releasing.
+class TracedLock {
+public:
+    TracedLock(std::mutex& mutex, const char16_t* function, const char16_t* lockLine, const char16_t* unlockLine)
+        : m_mutex(mutex), m_function(function), m_unlockLine(unlockLine) {
+        ZORV_LOG(kLogTrace, m_function, lockLine);
+        m_mutex.lock();
+    }
+    ~TracedLock() {
+        ZORV_LOG(kLogTrace, m_function, m_unlockLine);
+        m_mutex.unlock();
+    }
+    TracedLock(const TracedLock&) = delete;
+    TracedLock& operator=(const TracedLock&) = delete;
+
+private:
+    std::mutex& m_mutex;
+    const char16_t* m_function;
+    const char16_t* m_unlockLine;
+};
+
+}  // namespace zorv::dal
