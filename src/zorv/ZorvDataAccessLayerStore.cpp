@@ -118,6 +118,28 @@ uint64_t StepInsert(sqlite3_stmt* stmt, const char16_t* function) {
     return static_cast<uint64_t>(sqlite3_last_insert_rowid(sqlite3_db_handle(stmt)));
 }
 
+// Writes a whole write-behind buffer in one transaction: one journal sync
+// instead of one per row. Entries leave the buffer whether or not their row
+// could be stored; a failed row is logged where it failed.
+template <typename Record, typename StoreOne>
+uint64_t FlushBuffer(const std::shared_ptr<sqlite3>& db, std::deque<Record>& buffer, const char16_t* function,
+                     const char16_t* name, StoreOne storeOne) {
+    ZORV_LOG(kLogTrace, function, u"%s - %d items", name, buffer.size());
+    if (buffer.empty()) return 0;
+    if (!db) {
+        ZORV_LOG(kLogError, function, u"m_DB is released");
+        return 0;
+    }
+    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    uint64_t stored = 0;
+    while (!buffer.empty()) {
+        if (storeOne(buffer.front()) != 0) ++stored;
+        buffer.pop_front();
+    }
+    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
+    return stored;
+}
+
 }  // namespace
 
 // ---- Conversion ----
@@ -182,23 +204,8 @@ uint64_t ZorvDAL::StoreItemFlush() {
 }
 
 uint64_t ZorvDAL::StoreItemFlushInternal() {
-    constexpr char16_t kFunction[] = u"ZorvDAL::StoreItemFlushInternal";
-    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreItemFlush", m_pendingItems.size());
-    if (m_pendingItems.empty()) return 0;
-    const std::shared_ptr<sqlite3> db = m_DB;
-    if (!db) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
-        return 0;
-    }
-    // One transaction for the whole buffer: one journal sync instead of one per row.
-    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
-    uint64_t stored = 0;
-    while (!m_pendingItems.empty()) {
-        if (StoreItemInternal(m_pendingItems.front(), false) != 0) ++stored;
-        m_pendingItems.pop_front();
-    }
-    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
-    return stored;
+    return FlushBuffer(m_DB, m_pendingItems, u"ZorvDAL::StoreItemFlushInternal", u"StoreItemFlush",
+                       [this](const EngineEvent& record) { return StoreItemInternal(record, false); });
 }
 
 uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
@@ -274,22 +281,8 @@ uint64_t ZorvDAL::StoreTrustRuleFlush() {
 }
 
 uint64_t ZorvDAL::StoreTrustRuleFlushInternal() {
-    constexpr char16_t kFunction[] = u"ZorvDAL::StoreTrustRuleFlushInternal";
-    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreTrustRuleFlush", m_pendingTrustRules.size());
-    if (m_pendingTrustRules.empty()) return 0;
-    const std::shared_ptr<sqlite3> db = m_DB;
-    if (!db) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
-        return 0;
-    }
-    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
-    uint64_t stored = 0;
-    while (!m_pendingTrustRules.empty()) {
-        if (StoreTrustRuleInternal(m_pendingTrustRules.front(), false) != 0) ++stored;
-        m_pendingTrustRules.pop_front();
-    }
-    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
-    return stored;
+    return FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush",
+                       [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
 }
 
 uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable) {
@@ -357,22 +350,8 @@ uint64_t ZorvDAL::StoreUserListFlush() {
 }
 
 uint64_t ZorvDAL::StoreUserListFlushInternal() {
-    constexpr char16_t kFunction[] = u"ZorvDAL::StoreUserListFlushInternal";
-    ZORV_LOG(kLogTrace, kFunction, u"%s - %d items", u"StoreUserListFlush", m_pendingUserLists.size());
-    if (m_pendingUserLists.empty()) return 0;
-    const std::shared_ptr<sqlite3> db = m_DB;
-    if (!db) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
-        return 0;
-    }
-    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
-    uint64_t stored = 0;
-    while (!m_pendingUserLists.empty()) {
-        if (StoreUserListInternal(m_pendingUserLists.front(), false) != 0) ++stored;
-        m_pendingUserLists.pop_front();
-    }
-    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
-    return stored;
+    return FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush",
+                       [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
 }
 
 uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTable) {
