@@ -33,6 +33,40 @@ int32_t StepCount(sqlite3_stmt* stmt) {
     return sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
 }
 
+struct HashCountTexts {
+    const char16_t* function;
+    const char16_t* released;
+    const char16_t* lockLine;
+    const char16_t* found;
+    const char16_t* unlockLine;
+};
+
+// The MD5 and SHA-1 rule counts. The lock is only waited for, then released at
+// once: the count must not start while another store operation runs, but the
+// query itself runs unlocked. The import, which already holds the lock, passes
+// false.
+int32_t CountHashRules(const std::shared_ptr<sqlite3_stmt>& statement, std::mutex& dbLock, bool waitForLock,
+                       const HashCountTexts& texts) {
+    const std::shared_ptr<sqlite3_stmt> held = statement;
+    if (!held) {
+        ZORV_LOG(kLogError, texts.function, texts.released);
+        return 0;
+    }
+    ZORV_LOG(kLogTrace, texts.function, texts.lockLine);
+    if (waitForLock) {
+        dbLock.lock();
+        dbLock.unlock();
+    }
+    int32_t count = 0;
+    {
+        const StatementUse use(held);
+        count = StepCount(use.get());
+        ZORV_LOG(kLogTrace, texts.function, texts.found, count);
+    }
+    ZORV_LOG(kLogTrace, texts.function, texts.unlockLine);
+    return count;
+}
+
 }  // namespace
 
 void ZorvDAL::PrepareMetrics(cJSON* trustRuleStats) {
@@ -177,50 +211,17 @@ int32_t ZorvDAL::TrustRulesCount() {
 }
 
 int32_t ZorvDAL::MD5RulesCount(bool waitForLock) {
-    constexpr char16_t kFunction[] = u"ZorvDAL::MD5RulesCount";
-    const Statement held = m_pLookupMD5CountStmt;
-    if (!held) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupMD5CountStmt is released");
-        return 0;
-    }
-    ZORV_LOG(kLogTrace, kFunction, u"Preparing count for DBInfoMD5Rules lock");
-    // The lock is only waited for, then released at once: the count must not
-    // start while another store operation runs, but the query itself runs
-    // unlocked. The import, which already holds the lock, passes false.
-    if (waitForLock) {
-        m_dbLock.lock();
-        m_dbLock.unlock();
-    }
-    int32_t count = 0;
-    {
-        const StatementUse use(held);
-        count = StepCount(use.get());
-        ZORV_LOG(kLogTrace, kFunction, u"Found following MD5 count %d", count);
-    }
-    ZORV_LOG(kLogTrace, kFunction, u"Count for MD5 unlock");
-    return count;
+    return CountHashRules(m_pLookupMD5CountStmt, m_dbLock, waitForLock,
+                          {u"ZorvDAL::MD5RulesCount", u"m_pLookupMD5CountStmt is released",
+                           u"Preparing count for DBInfoMD5Rules lock", u"Found following MD5 count %d",
+                           u"Count for MD5 unlock"});
 }
 
 int32_t ZorvDAL::SHA1RulesCount(bool waitForLock) {
-    constexpr char16_t kFunction[] = u"ZorvDAL::SHA1RulesCount";
-    const Statement held = m_pLookupSHA1CountStmt;
-    if (!held) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupSHA1CountStmt is released");
-        return 0;
-    }
-    ZORV_LOG(kLogTrace, kFunction, u"Preparing count for DBInfoSHA1Rules lock");
-    if (waitForLock) {
-        m_dbLock.lock();
-        m_dbLock.unlock();
-    }
-    int32_t count = 0;
-    {
-        const StatementUse use(held);
-        count = StepCount(use.get());
-        ZORV_LOG(kLogTrace, kFunction, u"Found following SHA1 count %d", count);
-    }
-    ZORV_LOG(kLogTrace, kFunction, u"Count for SHA1 unlock");
-    return count;
+    return CountHashRules(m_pLookupSHA1CountStmt, m_dbLock, waitForLock,
+                          {u"ZorvDAL::SHA1RulesCount", u"m_pLookupSHA1CountStmt is released",
+                           u"Preparing count for DBInfoSHA1Rules lock", u"Found following SHA1 count %d",
+                           u"Count for SHA1 unlock"});
 }
 
 bool ZorvDAL::GetTrustRuleIDs(std::vector<int32_t>& ids) {
