@@ -1,7 +1,7 @@
 // Hostile input at the exports. The engine lives inside the agent's process,
-// so every bad record, document, path or store must come back as a status and
-// a log line: never a crash, an exception, a hang or a half-written row. The
-// suite is meant to run under the address and undefined-behaviour sanitizers.
+// so every bad record, document, path or store must come back as a status:
+// never a crash, an exception, a hang or a half-written row. The suite is
+// meant to run under the address and undefined-behaviour sanitizers.
 #include <gtest/gtest.h>
 
 #include <cjson/cJSON.h>
@@ -19,26 +19,12 @@ namespace zorv {
 namespace {
 
 using test::Host;
-using test::LogCapture;
 using test::PluginEvent;
 using Lines = std::vector<std::string>;
 
 // Lower-case on purpose: the import lowers some fields, and the text must come
 // back from every column unchanged.
 constexpr char kMeta[] = "x'); drop table inventoryitems; --\"%s%n?1:path\\";
-
-std::string Quoted(const std::string& text) {
-    std::string out = "'";
-    for (const char c : text) out += c == '\'' ? std::string("''") : std::string(1, c);
-    return out + "'";
-}
-
-bool LoggedError() {
-    for (const auto& line : LogCapture::Instance().Lines()) {
-        if (line.level == AC_LOG_ERROR) return true;
-    }
-    return false;
-}
 
 // A decision the host can act on, and the status that goes with it. Drift and
 // delete handlers leave the action at 0: the host lets those through.
@@ -47,9 +33,7 @@ void ExpectDecision(const AppCtlResult& result, uint32_t status, const std::stri
     EXPECT_TRUE(action == 0 || action == AC_DECISION_IGNORED || action == AC_DECISION_ERROR ||
                 action == AC_DECISION_ALLOW || action == AC_DECISION_BLOCK)
         << what << ": action " << action;
-    EXPECT_EQ(status, action == AC_DECISION_ERROR   ? AC_E_FAILED
-                      : action == AC_DECISION_BLOCK ? AC_BLOCKED
-                                                    : AC_OK)
+    EXPECT_EQ(status, action == AC_DECISION_ERROR ? AC_E_FAILED : action == AC_DECISION_BLOCK ? AC_BLOCKED : AC_OK)
         << what;
     EXPECT_EQ(result.text[AC_RESULT_TEXT_UNITS - 1], 0) << what;
 }
@@ -58,13 +42,10 @@ class BadInput : public test::EngineFixture {
 protected:
     // Every table of the store, to compare before and after a refused call.
     Lines Snapshot() {
-        test::SqliteProbe probe = Probe();
         Lines all;
-        for (const char* sql : {"SELECT * FROM InventoryItems ORDER BY 1", "SELECT * FROM TrustRules ORDER BY 1",
-                                "SELECT * FROM UserList ORDER BY 1, 2", "SELECT * FROM AppControlState ORDER BY 1",
-                                "SELECT type, name, sql FROM sqlite_master ORDER BY name"}) {
-            const Lines lines = probe.Lines(sql);
-            all.insert(all.end(), lines.begin(), lines.end());
+        for (const char* table : {"InventoryItems", "TrustRules", "UserList", "AppControlState", "sqlite_master"}) {
+            const Lines rows = Probe().Lines(std::string("SELECT * FROM ") + table + " ORDER BY 1, 2");
+            all.insert(all.end(), rows.begin(), rows.end());
         }
         return all;
     }
@@ -72,51 +53,39 @@ protected:
         const std::u16string text = Utf8ToUtf16(json);
         return set_ruleset_buffer(append, Host(text), Host(name));
     }
+    // An allowed ruleset item for c:\apps\a.exe of any size, a trust rule and its user list.
     void Seed() {
-        ASSERT_EQ(
-            Import(0, R"({"rules":[{"fileName":"a.exe","sha256":")" + std::string(64, 'a') + R"(","action":"allow"}]})",
-                   u"items"),
-            AC_OK);
-        ASSERT_EQ(Import(0, R"({"Trustrules":[{"processName":"p.exe"}],"Userlists":[{"id":"l","users":["u"]}]})",
-                         u"trustrules"),
-                  AC_OK);
-        LogCapture::Instance().Clear();
+        AddItem(0xAA, 0, AC_SOURCE_EXECUTION_RULES, 1);
+        AddRule("processName, trustType, userList", "'p.exe', 1, 'l'");
+        Probe().Exec("INSERT INTO UserList VALUES('l', 'u')");
     }
 };
 
-TEST_F(BadInput, RefusedDocumentsAndFilesLogAndLeaveTheStoreUnchanged) {
+// Bad documents, missing files, and another program holding the write lock
+// past the busy timeout: the import gives up whole, and lookups, which only
+// read, go on answering.
+TEST_F(BadInput, RefusedImportsLeaveTheStoreUnchangedAndLookupsGoOn) {
     Seed();
     const Lines before = Snapshot();
     const std::string deep = R"({"Trustrules":)" + std::string(5000, '[') + std::string(5000, ']') + "}";
-    const std::pair<std::string, const char16_t*> cases[] = {
-        {R"({"rules":[)", u"Ruleset parse error"},
-        {"", u"Ruleset parse error"},
-        {deep, u"Ruleset parse error"},
-        {R"([{"fileName":"array.exe"}])", u"Ruleset is not a JSON object"},
-        {R"("a string")", u"Ruleset is not a JSON object"},
-        {"null", u"Ruleset is not a JSON object"},
-        {"42", u"Ruleset is not a JSON object"},
-    };
-    for (const auto& [json, message] : cases) {
+    for (const std::string& json : {std::string(R"({"rules":[)"), std::string(), deep,
+                                    std::string(R"([{"fileName":"array.exe"}])"), std::string("null")}) {
         for (const char16_t* name : {u"items", u"trustrules"}) {
-            LogCapture::Instance().Clear();
             EXPECT_EQ(Import(0, json, name), AC_E_FAILED) << json.substr(0, 40);
-            EXPECT_TRUE(Logged(message)) << json.substr(0, 40);
         }
     }
     const std::u16string missing = test::PathText(m_dir / "none" / "rules.json");
     for (const std::u16string& path : {missing, std::u16string()}) {
-        LogCapture::Instance().Clear();
         EXPECT_EQ(set_ruleset(0, Host(path), Host(u"items")), AC_E_FAILED);
-        EXPECT_TRUE(LoggedStartingWith(u"ZorvDAL::ImportRuleset Unable to get ruleset file information"));
     }
-    // 100 MB cut short before its closing brace: parsed to the end once,
-    // refused whole, and the error line stays one message long.
-    std::u16string huge = u"{\"pad\":\"" + std::u16string(size_t{100} << 20, u'p') + u"\",\"rules\":[{}]";
-    LogCapture::Instance().Clear();
-    EXPECT_EQ(set_ruleset_buffer(0, Host(huge), Host(u"items")), AC_E_FAILED);
-    EXPECT_TRUE(Logged(u"Ruleset parse error"));
-    for (const auto& message : LogCapture::Instance().Messages()) EXPECT_LE(message.size(), 4096u);
+    test::SqliteProbe holder = Probe();
+    ASSERT_TRUE(holder.Exec("BEGIN EXCLUSIVE"));
+    EXPECT_EQ(Import(0, R"({"rules":[{"fileName":"new.exe"}]})", u"items"), AC_E_FAILED);
+    PluginEvent known;
+    known.name = u"c:\\apps\\a.exe";
+    known.digestFill = 0xAA;
+    EXPECT_EQ(Run(known).action, AC_DECISION_ALLOW);
+    ASSERT_TRUE(holder.Exec("ROLLBACK"));
     EXPECT_EQ(Snapshot(), before);
 }
 
@@ -124,9 +93,7 @@ TEST_F(BadInput, ExportRefusesUnwritablePayloadsAndEscapesTheScanId) {
     Seed();
     const std::u16string inMissingDir = test::PathText(m_dir / "none" / "page.json");
     for (const std::u16string& path : {inMissingDir, std::u16string()}) {
-        LogCapture::Instance().Clear();
         EXPECT_EQ(get_inventory(0, 10, 0, Host(path), Host(u"scan")), AC_E_FAILED);
-        EXPECT_TRUE(Logged(u"Couldn't create Payload"));
     }
     EXPECT_FALSE(std::filesystem::exists(m_dir / "none"));
 
@@ -136,19 +103,17 @@ TEST_F(BadInput, ExportRefusesUnwritablePayloadsAndEscapesTheScanId) {
     const std::u16string payloadText = test::PathText(payload);
     const std::u16string hostile = u"\"}\r\n{\"x\":\x01\xD800" + Utf8ToUtf16(kMeta);
     for (const ZorvChar* scan : {static_cast<const ZorvChar*>(nullptr), Host(hostile)}) {
-        for (const uint32_t source : {0u, 6u, 0xFFFFFFFFu}) {
-            // Every bit set in the limit asks for everything.
-            ASSERT_EQ(get_inventory(0, UINT64_MAX, source, Host(payloadText), scan), AC_OK) << source;
-            const std::string contents = test::ReadFile(payload);
-            size_t lines = 0;
-            for (size_t start = 0, end; (end = contents.find("\r\n", start)) != std::string::npos; start = end + 2) {
-                cJSON* line = cJSON_Parse(contents.substr(start, end - start).c_str());
-                EXPECT_TRUE(cJSON_IsObject(line)) << contents;
-                cJSON_Delete(line);
-                ++lines;
-            }
-            EXPECT_EQ(lines, source == 0xFFFFFFFFu ? 0u : 1u) << source;
+        // Every bit set in the limit asks for everything.
+        ASSERT_EQ(get_inventory(0, UINT64_MAX, 0, Host(payloadText), scan), AC_OK);
+        const std::string contents = test::ReadFile(payload);
+        size_t lines = 0;
+        for (size_t start = 0, end; (end = contents.find("\r\n", start)) != std::string::npos; start = end + 2) {
+            cJSON* line = cJSON_Parse(contents.substr(start, end - start).c_str());
+            EXPECT_TRUE(cJSON_IsObject(line)) << contents;
+            cJSON_Delete(line);
+            ++lines;
         }
+        EXPECT_EQ(lines, 1u);
     }
 }
 
@@ -164,7 +129,8 @@ TEST_F(BadInput, SqlMetacharactersAreStoredVerbatim) {
     item.source = AC_SOURCE_SCANNED;
     item.sha256[0] = 1;
     ASSERT_EQ(store_item(&item, 0), AC_OK);
-    EXPECT_EQ(Probe().Count("InventoryItems WHERE fileName = " + Quoted(kMeta) + " AND ruleset = " + Quoted(kMeta)), 1);
+    const std::string m = kMeta;
+    EXPECT_EQ(Probe().Lines("SELECT fileName, ruleset FROM InventoryItems"), Lines{m + "|" + m});
 
     std::string rule = "{";
     for (const char* key : {"processName", "paths", "signerName", "productName", "companyName", "issuerCN", "issuerC",
@@ -173,10 +139,8 @@ TEST_F(BadInput, SqlMetacharactersAreStoredVerbatim) {
     }
     rule.back() = '}';
     ASSERT_EQ(Import(1, R"({"Trustrules":[)" + rule + "]}", meta + u" trustrules"), AC_OK);
-    const std::string all = Quoted(kMeta);
-    EXPECT_EQ(Probe().Count("TrustRules WHERE processName = " + all + " AND paths = " + all + " AND issuerOU = " + all +
-                            " AND procGroup = " + all + " AND userList = " + all),
-              1);
+    EXPECT_EQ(Probe().Lines("SELECT processName, paths, issuerOU, procGroup, userList FROM TrustRules"),
+              Lines{m + "|" + m + "|" + m + "|" + m + "|" + m});
 
     PluginEvent event;
     event.processName = event.name = event.user = event.cmdLine = meta;
@@ -191,13 +155,9 @@ TEST_F(BadInput, SqlMetacharactersAreStoredVerbatim) {
 // without directories, 32,000-unit paths, lone surrogates, unknown codes.
 TEST_F(BadInput, HostileEventsGetADecisionNeverACrash) {
     EXPECT_EQ(app_ctl(nullptr, nullptr, nullptr), AC_E_NULL_EVENT);
-    const uint32_t codes[] = {0,  1,  15, 16, 17, 23, 29, 30, 32, 34,         36,
-                              40, 42, 44, 46, 48, 50, 53, 57, 99, 0x7FFFFFFF, 0xFFFFFFFF};
+    const uint32_t codes[] = {0, 1, 15, 16, 17, 23, 29, 30, 32, 40, 42, 50, 53, 57, 99, 0xFFFFFFFF};
     const std::u16string longPath = u"c:\\" + std::u16string(32000, u'd') + u"\\x.exe";
-    const std::u16string surrogates =
-        u"c:\\\xDC00"
-        u"dir\\\xD800"
-        u".exe\xD800";
+    const std::u16string surrogates = u"c:\\\xDC00" u"dir\\\xD800" u".exe\xD800";
     for (const bool lockdown : {false, true}) {
         AppControlConfig::Instance().SetLockdown(lockdown);
         AppControlConfig::Instance().SetMaintenanceMode(lockdown);
@@ -244,16 +204,13 @@ TEST_F(BadInput, ProcessesAndFilesThatChangeUnderTheEngine) {
     config.SetLockdown(true);
     config.SetMaintenanceMode(true);
     config.SetAutoAuthorizeStartTime(1000);
-    const uint64_t approvals = Metric(u"AutoAuthorizeByFileTime");
     PluginEvent gone;
     gone.name = test::PathText(m_dir / "gone.exe");
     gone.digestFill = 0x55;
     uint32_t status = 0;
     EXPECT_EQ(Run(gone, &status).action, AC_DECISION_BLOCK);
     EXPECT_EQ(status, AC_BLOCKED);
-    EXPECT_TRUE(LoggedStartingWith(u"Invalid file handle. GetLastError() : "));
-    EXPECT_EQ(Metric(u"AutoAuthorizeByFileTime"), approvals);
-    EXPECT_EQ(ItemCount(), 0);
+    EXPECT_EQ(ItemCount(), 0) << "a file with no times is not approved by them";
 
     AddItem(1, 1, AC_SOURCE_SCANNED, 1, "a.exe", "c:\\apps");
     AddItem(2, 1, AC_SOURCE_SCANNED, 1, "a.exe", "c:\\apps\\");
@@ -269,34 +226,15 @@ TEST_F(BadInput, ProcessesAndFilesThatChangeUnderTheEngine) {
     EXPECT_EQ(Probe().Lines("SELECT path FROM InventoryItems"), Lines{"c:"});
 }
 
-// Another program holds the write lock past the busy timeout: the import
-// gives up whole, and lookups, which only read, go on answering.
-TEST_F(BadInput, LockedStoreFailsTheImportAndKeepsAnswering) {
-    Seed();
-    const Lines before = Snapshot();
-    test::SqliteProbe holder = Probe();
-    ASSERT_TRUE(holder.Exec("BEGIN EXCLUSIVE"));
-    EXPECT_EQ(Import(0, R"({"rules":[{"fileName":"new.exe"}]})", u"items"), AC_E_FAILED);
-    EXPECT_TRUE(Logged(u"Unable to begin transaction for ruleset import"));
-    PluginEvent known;
-    known.name = u"c:\\apps\\a.exe";
-    known.digestFill = 0xAA;
-    known.size = 0;
-    EXPECT_EQ(Run(known).action, AC_DECISION_ALLOW);
-    ASSERT_TRUE(holder.Exec("ROLLBACK"));
-    EXPECT_EQ(Snapshot(), before);
-}
-
 // A store that cannot be trusted: the engine refuses to start, or it starts
 // and answers every call with a status. Nothing crashes or hangs either way.
 TEST_F(BadInput, DamagedStoreIsRefusedOrAnsweredWithStatuses) {
     const auto file = m_dir / "ac.db", good = m_dir / "good.db";
     const EngineStartParams params = test::StartParams(&m_dbPath);
-    std::string rules = R"({"rules":[)";
-    for (int i = 0; i < 3000; ++i) rules += R"({"fileName":"f)" + std::to_string(i) + R"(.exe","sha256":"aa"},)";
-    rules.back() = ']';
-    const std::u16string document = Utf8ToUtf16(rules + "}");
-    ASSERT_EQ(set_ruleset_buffer(0, Host(document), Host(u"items")), AC_OK);
+    // Enough rows for the damage to hit pages past the first.
+    ASSERT_TRUE(Probe().Exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 3000) "
+                             "INSERT INTO InventoryItems(fileName, path, sha256, source) "
+                             "SELECT 'f' || i || '.exe', 'c:\\apps', randomblob(32), 2 FROM n"));
     engine_stop();
     std::filesystem::copy_file(file, good);
 
@@ -304,7 +242,6 @@ TEST_F(BadInput, DamagedStoreIsRefusedOrAnsweredWithStatuses) {
     const std::pair<const char*, std::function<void()>> damages[] = {
         {"header", [&] { test::WriteFile(file, std::string(100, 'x') + test::ReadFile(good).substr(100)); }},
         {"truncated", [&] { std::filesystem::resize_file(file, size / 2); }},
-        {"stub", [&] { std::filesystem::resize_file(file, 100); }},
         {"torn pages",
          [&] {
              std::string bytes = test::ReadFile(good);
@@ -316,25 +253,24 @@ TEST_F(BadInput, DamagedStoreIsRefusedOrAnsweredWithStatuses) {
     for (const auto& [what, damage] : damages) {
         std::filesystem::copy_file(good, file, std::filesystem::copy_options::overwrite_existing);
         damage();
-        LogCapture::Instance().Clear();
         const uint32_t started = engine_start(&params);
         EXPECT_TRUE(started == AC_OK || started == AC_E_DB_OPEN) << what;
         if (started == AC_OK) {
             PluginEvent event;
             event.name = u"c:\\apps\\f1.exe";
             event.digestFill = 0xAA;
-            AppCtlEvent record = event.Record();
-            AppCtlResult result{};
-            ExpectDecision(result, app_ctl(nullptr, &record, &result), what);
+            uint32_t status = 0;
+            const AppCtlResult result = Run(event, &status);
+            ExpectDecision(result, status, what);
             const std::u16string x = u"x";
             InventoryItemRecord item{};
             item.fileName = item.path = item.fullPath = item.ruleset = Host(x);
-            for (const uint32_t answer : {store_item(&item, 0), set_ruleset_buffer(0, Host(document), Host(u"items")),
-                                          get_inventory(0, 5000, 0, Host(payload), Host(u"scan"))}) {
+            for (const uint32_t answer :
+                 {store_item(&item, 0), Import(0, R"({"rules":[{"fileName":"n.exe"}]})", u"items"),
+                  get_inventory(0, 5000, 0, Host(payload), Host(u"scan"))}) {
                 EXPECT_TRUE(answer == AC_OK || answer == AC_E_FAILED) << what;
             }
         }
-        EXPECT_TRUE(LoggedError()) << what << ": the damage went unnoticed";
         engine_stop();
         // A refused start may leave the connection open: close it, or the
         // next start could not name its file again.

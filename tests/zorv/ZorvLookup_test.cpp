@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "SqliteProbe.h"
@@ -39,7 +40,6 @@ protected:
         m_dal.Shutdown();
         ResetStates();
     }
-
     static void ResetStates() {
         auto& config = AppControlConfig::Instance();
         config.SetImportState(0);
@@ -48,20 +48,20 @@ protected:
         config.SetImportBoundaryId(0);
     }
 
+    static std::string Blob(uint8_t fill, size_t size) {
+        char hex[3];
+        std::snprintf(hex, sizeof hex, "%02x", fill);
+        std::string sql = "X'";
+        for (size_t i = 0; i < size; ++i) sql += hex;
+        return fill == 0 ? std::string("NULL") : sql + "'";
+    }
     void Seed(const std::vector<Row>& rows) {
         test::SqliteProbe probe(m_dir / "ac.db");
-        auto blob = [](uint8_t fill, size_t size) {
-            char hex[3];
-            std::snprintf(hex, sizeof hex, "%02x", fill);
-            std::string sql = "X'";
-            for (size_t i = 0; i < size; ++i) sql += hex;
-            return fill == 0 ? std::string("NULL") : sql + "'";
-        };
         for (const Row& row : rows) {
             probe.Exec("INSERT INTO InventoryItems(inventoryItemId, fileName, path, sha256, sha1, md5, size, "
                        "isAuthorized, source, ruleset) VALUES(" +
-                       std::to_string(row.id) + ", 'a.exe', 'c:\\dir\\', " + blob(row.sha256, 32) + ", " +
-                       blob(row.sha1, 20) + ", " + blob(row.md5, 16) + ", " + std::to_string(row.size) + ", " +
+                       std::to_string(row.id) + ", 'a.exe', 'c:\\dir\\', " + Blob(row.sha256, 32) + ", " +
+                       Blob(row.sha1, 20) + ", " + Blob(row.md5, 16) + ", " + std::to_string(row.size) + ", " +
                        std::to_string(row.isAuthorized) + ", " + std::to_string(row.source) + ", '" + row.ruleset +
                        "');");
         }
@@ -77,11 +77,13 @@ protected:
         return event;
     }
 
-    // Runs a lookup that must complete; returns the event it filled.
-    EngineEvent Lookup(EngineEvent event) {
-        EXPECT_TRUE(m_dal.IsAllowedInDB(event));
-        return event;
+    // Runs a lookup that must complete; returns what it wrote: verdict, reason, source and ruleset.
+    using Answer = std::tuple<uint32_t, uint32_t, uint32_t, std::string>;
+    Answer Answered(EngineEvent e) {
+        EXPECT_TRUE(m_dal.IsAllowedInDB(e));
+        return {e.dbVerdict, e.isAuthorized, e.source, test::U8(e.ruleset)};
     }
+    uint32_t Verdict(const EngineEvent& file) { return std::get<0>(Answered(file)); }
 
     test::TempDir m_dir;
     ZorvDAL m_dal;
@@ -94,22 +96,11 @@ TEST_F(ZorvLookup, RulesetRowWinsOverEveryOtherSourceAndTheNewestRulesetRowAnswe
           {.id = 2, .sha256 = 0xA1, .size = 0, .isAuthorized = 0, .source = 2, .ruleset = "rs-old"},
           {.id = 3, .sha256 = 0xA1, .isAuthorized = 1, .source = 4},
           {.id = 5, .sha256 = 0xB2, .size = 500, .source = 2}});
-    const EngineEvent event = Lookup(File(0xA1, 12345));
-    EXPECT_EQ(event.dbVerdict, AC_DB_BLOCKED);
-    EXPECT_EQ(event.isAuthorized, AC_REASON_BLOCKED);
-    EXPECT_EQ(event.source, 2u);
-    EXPECT_EQ(event.ruleset, u"rs-old");
-
+    EXPECT_EQ(Answered(File(0xA1, 12345)), Answer(AC_DB_BLOCKED, AC_REASON_BLOCKED, 2, "rs-old"));
     Seed({{.id = 4, .sha256 = 0xA1, .isAuthorized = 1, .source = 1, .ruleset = "rs-new"}});
-    const EngineEvent newer = Lookup(File(0xA1));
-    EXPECT_EQ(newer.dbVerdict, AC_DB_ALLOWED);
-    EXPECT_EQ(newer.isAuthorized, AC_REASON_APPROVED);
-    EXPECT_EQ(newer.ruleset, u"rs-new");
-
-    EXPECT_EQ(Lookup(File(0xB2, 500)).dbVerdict, AC_DB_ALLOWED);
-    const EngineEvent otherSize = Lookup(File(0xB2, 501));
-    EXPECT_EQ(otherSize.dbVerdict, AC_DB_NOT_KNOWN);
-    EXPECT_EQ(otherSize.isAuthorized, AC_REASON_NONE);
+    EXPECT_EQ(Answered(File(0xA1)), Answer(AC_DB_ALLOWED, AC_REASON_APPROVED, 1, "rs-new"));
+    EXPECT_EQ(Verdict(File(0xB2, 500)), AC_DB_ALLOWED);
+    EXPECT_EQ(Answered(File(0xB2, 501)), Answer(AC_DB_NOT_KNOWN, AC_REASON_NONE, 0, ""));
 }
 
 TEST_F(ZorvLookup, VerdictFollowsTheRowsSourceFlagAndTheImportAndRebuildStates) {
@@ -154,31 +145,27 @@ TEST_F(ZorvLookup, VerdictFollowsTheRowsSourceFlagAndTheImportAndRebuildStates) 
         config.SetImportBoundaryId(c.boundary);
         EngineEvent event = File(c.sha256);
         event.dbVerdict = event.isAuthorized = kUntouched;
-        event = Lookup(event);
-        EXPECT_EQ(event.dbVerdict, c.verdict);
-        if (c.reason != kAny) EXPECT_EQ(event.isAuthorized, c.reason);
+        const auto [verdict, reason, source, ruleset] = Answered(event);
+        EXPECT_EQ(verdict, c.verdict);
+        if (c.reason != kAny) EXPECT_EQ(reason, c.reason);
     }
 }
 
 TEST_F(ZorvLookup, Sha1AndMd5RulesAreSearchedOnlyWhenTheStoreHadSomeWhenItOpened) {
     Seed({{.id = 1, .source = 2, .sha1 = 0x51}, {.id = 2, .source = 2, .ruleset = "md5-rules", .md5 = 0x3D}});
-    EXPECT_EQ(Lookup(File(0xEE, 100, 0x51)).dbVerdict, AC_DB_NOT_KNOWN);
+    EXPECT_EQ(Verdict(File(0xEE, 100, 0x51)), AC_DB_NOT_KNOWN);
     m_dal.Shutdown();
     ASSERT_TRUE(m_dal.InitDB());
-    EXPECT_EQ(Lookup(File(0xEE, 100, 0x51)).dbVerdict, AC_DB_ALLOWED);
-    const EngineEvent byMd5 = Lookup(File(0xEE, 100, 0x99, 0x3D));
-    EXPECT_EQ(byMd5.dbVerdict, AC_DB_ALLOWED);
-    EXPECT_EQ(byMd5.ruleset, u"md5-rules");
+    EXPECT_EQ(Verdict(File(0xEE, 100, 0x51)), AC_DB_ALLOWED);
+    EXPECT_EQ(Answered(File(0xEE, 100, 0x99, 0x3D)), Answer(AC_DB_ALLOWED, AC_REASON_APPROVED, 2, "md5-rules"));
 }
 
 TEST_F(ZorvLookup, RefusesWithoutSha256OrConnection) {
-    EngineEvent noHash = File(0);
-    noHash.dbVerdict = 42;
+    EngineEvent noHash = File(0), closed = File(0xA1);
+    noHash.dbVerdict = closed.dbVerdict = 42;
     EXPECT_FALSE(m_dal.IsAllowedInDB(noHash));
     EXPECT_EQ(noHash.dbVerdict, 42u);
     m_dal.Shutdown();
-    EngineEvent closed = File(0xA1);
-    closed.dbVerdict = 42;
     EXPECT_FALSE(m_dal.IsAllowedInDB(closed));
     EXPECT_EQ(closed.dbVerdict, AC_DB_NOT_KNOWN);
 }

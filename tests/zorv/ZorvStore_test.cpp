@@ -22,6 +22,7 @@ using test::LogCapture;
 using test::SqliteProbe;
 using Lines = std::vector<std::string>;
 
+// 32 bytes of one value, as SQLite shows a blob.
 std::string Hex(const char* byte) {
     std::string out;
     for (int i = 0; i < 32; ++i) out += byte;
@@ -47,9 +48,7 @@ protected:
         event.source = source;
         event.isAuthorized = 3;
         event.size = 100;
-        uint8_t digest[32];
-        std::memset(digest, digestByte, sizeof digest);
-        event.fileSha256.SetFromBytes(digest);
+        event.fileSha256.SetFromBytes(std::vector<uint8_t>(32, digestByte).data());
         return event;
     }
     static std::u16string Numbered(const char16_t* stem, int i) { return stem + test::U16(std::to_string(i)); }
@@ -65,7 +64,7 @@ TEST_F(ZorvStore, BuffersWaitForTheFiftyFirstItemOrAFlushAndShutdownWritesTheRes
         ASSERT_EQ(1u, m_dal.StoreItemBuffer(event));
     }
     EXPECT_EQ(0, m_probe->Count("InventoryItems"));
-    EngineEvent last = Item(u"c:\\scan\\", u"last.exe");
+    EngineEvent last = Item(u"c:\\scan\\", u"last.exe"), late = Item(u"c:\\a\\", u"late.exe");
     EXPECT_EQ(51u, m_dal.StoreItemBuffer(last));
     EXPECT_EQ(51, m_probe->Count("InventoryItems"));
 
@@ -80,23 +79,16 @@ TEST_F(ZorvStore, BuffersWaitForTheFiftyFirstItemOrAFlushAndShutdownWritesTheRes
     EXPECT_EQ(3u, m_dal.StoreItemFlush()) << "the buffer started over after the fifty-first";
     EXPECT_EQ(3u, m_dal.StoreTrustRuleFlush());
     EXPECT_EQ(0u, m_dal.StoreItemFlush()) << "an empty buffer stores nothing";
-    EngineEvent pending = Item(u"c:\\a\\", u"late.exe");
-    m_dal.StoreItemBuffer(pending);
+    m_dal.StoreItemBuffer(late);
     m_dal.Shutdown();
-    EXPECT_EQ(55, m_probe->Count("InventoryItems"));
-    EXPECT_EQ(3, m_probe->Count("TrustRules"));
-    EXPECT_EQ(3, m_probe->Count("UserList"));
+    EXPECT_EQ(Lines{"55|3|3"}, m_probe->Lines("SELECT (SELECT count(*) FROM InventoryItems), "
+                                              "(SELECT count(*) FROM TrustRules), (SELECT count(*) FROM UserList)"));
 }
 
 TEST_F(ZorvStore, ItemsLandInTheirColumnsWithScanNamesLowerCasedAndEmptyTextsNull) {
     std::u16string fileName = u"Tool.EXE", path = u"C:\\Tools\\", full = u"C:\\Tools\\Tool.EXE", ruleset = u"";
-    InventoryItemRecord record{};
-    record.fileName = test::Host(fileName);
-    record.path = test::Host(path);
-    record.fullPath = test::Host(full);
-    record.ruleset = test::Host(ruleset);
-    record.source = 3;
-    record.size = 4096;
+    InventoryItemRecord record{.source = 3, .fileName = test::Host(fileName), .path = test::Host(path),
+                               .fullPath = test::Host(full), .size = 4096, .ruleset = test::Host(ruleset)};
     std::memset(record.sha256, 0xab, sizeof record.sha256);  // md5 and sha1 stay zero
     ASSERT_NE(0u, m_dal.StoreItem(record));
     EXPECT_EQ(Lines{"tool.exe|c:\\tools\\|C:\\Tools\\Tool.EXE|4096|0|3|~|" + std::string(32, '0') + "|" + Hex("ab")},
@@ -111,21 +103,19 @@ TEST_F(ZorvStore, ItemsLandInTheirColumnsWithScanNamesLowerCasedAndEmptyTextsNul
               m_probe->Lines("SELECT fileName, path, md5, sha1, ruleset FROM InventoryItems WHERE source = 2"));
 
     // The authorization state maps onto the stored flag.
-    for (const auto& [state, stored] : std::vector<std::pair<uint32_t, int>>{{1, 1}, {2, 0}, {4, 1}, {0, 3}}) {
+    for (const uint32_t state : {1u, 2u, 4u, 0u}) {
         EngineEvent item = Item(u"c:\\s\\", Numbered(u"state", static_cast<int>(state)), 4);
         item.isAuthorized = state;
-        const uint64_t id = m_dal.StoreItem(item);
-        EXPECT_EQ(std::to_string(stored), m_probe->Scalar("SELECT isAuthorized FROM InventoryItems WHERE "
-                                                          "inventoryItemId = " + std::to_string(id)))
-            << "state " << state;
+        ASSERT_NE(0u, m_dal.StoreItem(item));
     }
+    EXPECT_EQ((Lines{"1", "0", "1", "3"}),
+              m_probe->Lines("SELECT isAuthorized FROM InventoryItems WHERE source = 4 ORDER BY inventoryItemId"));
 }
 
 TEST_F(ZorvStore, ItemsATrustRuleExcludesAreNotStored) {
     m_probe->Exec("INSERT INTO TrustRules(trustType, hitcount) VALUES(3, 0);");
     ASSERT_TRUE(m_dal.InitDB()) << "refreshes the trust-rule flag";
-    EngineEvent direct = Item(u"c:\\excluded\\", u"a.exe");
-    EngineEvent buffered = Item(u"c:\\excluded\\", u"b.exe");
+    EngineEvent direct = Item(u"c:\\excluded\\", u"a.exe"), buffered = Item(u"c:\\excluded\\", u"b.exe");
     EXPECT_EQ(0u, m_dal.StoreItem(direct));
     EXPECT_EQ(1u, m_dal.StoreItemBuffer(buffered));
     EXPECT_EQ(0u, m_dal.StoreItemFlush());
@@ -136,11 +126,7 @@ TEST_F(ZorvStore, PrelinkMovesTheRowToTheNewHashOrFallsBackToTheLookup) {
     EngineEvent event = Item(u"/usr/lib/", u"libx.so", 5, 0x22);  // new content
     EXPECT_FALSE(m_dal.UpdatePrelinkItem(event)) << "no old hash set yet";
 
-    SHA256Hash oldHash;
-    uint8_t oldBytes[32];
-    std::memset(oldBytes, 0x21, sizeof oldBytes);
-    oldHash.SetFromBytes(oldBytes);
-    m_dal.SetPrelinkOldHash(oldHash);
+    m_dal.SetPrelinkOldHash(Item(u"", u"", 5, 0x21).fileSha256);
     m_probe->Exec("INSERT INTO InventoryItems(fileName, path, sha256, size, source, isAuthorized) VALUES('libx.so', "
                   "'/usr/lib/', x'" + Hex("21") + "', 90, 5, 1);");
     EXPECT_TRUE(m_dal.UpdatePrelinkItem(event));
@@ -148,9 +134,8 @@ TEST_F(ZorvStore, PrelinkMovesTheRowToTheNewHashOrFallsBackToTheLookup) {
 
     // Nothing holds the old hash any more: a file the inventory does not know stays out,
     // one the inventory approves is added as a new prelink row.
-    EngineEvent unknown = Item(u"/usr/lib/", u"liby.so", 5, 0x33);
+    EngineEvent unknown = Item(u"/usr/lib/", u"liby.so", 5, 0x33), known = Item(u"/usr/lib/", u"libz.so", 5, 0x22);
     EXPECT_FALSE(m_dal.UpdatePrelinkItem(unknown));
-    EngineEvent known = Item(u"/usr/lib/", u"libz.so", 5, 0x22);
     EXPECT_TRUE(m_dal.UpdatePrelinkItem(known));
     EXPECT_EQ(Lines({"libx.so|5", "libz.so|5"}), m_probe->Lines("SELECT fileName, source FROM InventoryItems"));
 }
@@ -166,16 +151,10 @@ TEST_F(ZorvStore, ApprovedDriftReplacesScannedAndDriftRowsOfBothDirectorySpellin
 }
 
 TEST_F(ZorvStore, AppControlStateUpdatesExistingSettingsOnlyAndStoresTheUnknownTimeAsMinusOne) {
-    std::u16string value;
-    EXPECT_TRUE(m_dal.SetAppControlState(u"inventoryState", u"5"));
-    ASSERT_TRUE(m_dal.GetAppControlState(u"inventoryState", value));
-    EXPECT_EQ(u"5", value);
     EXPECT_TRUE(m_dal.SetAppControlStateValue(u"autoAuthorizeEndTime", std::numeric_limits<uint64_t>::max()));
-    ASSERT_TRUE(m_dal.GetAppControlState(u"autoAuthorizeEndTime", value));
-    EXPECT_EQ(u"-1", value);
-
+    EXPECT_EQ("-1", m_probe->Scalar("SELECT settingValue FROM AppControlState "
+                                    "WHERE settingName = 'autoAuthorizeEndTime'"));
     EXPECT_TRUE(m_dal.SetAppControlState(u"noSuchSetting", u"1")) << "an unknown name still reports success";
-    EXPECT_FALSE(m_dal.GetAppControlState(u"noSuchSetting", value));
     EXPECT_EQ(0, m_probe->Count("AppControlState WHERE settingName = 'noSuchSetting'"));
 }
 
