@@ -33,17 +33,17 @@ private:
     size_t m_length = 0;
 };
 
-struct Spec {
+struct Directive {
     bool leftAlign = false;
     bool zeroPad = false;
     size_t width = 0;
     char16_t conversion = 0;
 };
 
-void PutPadded(Output& out, const Spec& spec, std::u16string_view body) {
-    const size_t pad = spec.width > body.size() ? spec.width - body.size() : 0;
-    if (!spec.leftAlign) {
-        const bool zeros = spec.zeroPad && !body.empty() && spec.conversion != u's';
+void PutPadded(Output& out, const Directive& directive, std::u16string_view body) {
+    const size_t pad = directive.width > body.size() ? directive.width - body.size() : 0;
+    if (!directive.leftAlign) {
+        const bool zeros = directive.zeroPad && !body.empty() && directive.conversion != u's';
         size_t start = 0;
         if (zeros && body[0] == u'-') {
             out.Put(u'-');
@@ -98,43 +98,43 @@ void PutMismatch(Output& out, char16_t conversion, std::string_view what) {
     out.Put(u')');
 }
 
-void FormatOne(Output& out, const Spec& spec, const FormatArg* arg) {
+void FormatOne(Output& out, const Directive& directive, const FormatArg* arg) {
     if (arg == nullptr) {
         // A format that ends right after '%' has no conversion letter; never echo its 0.
-        PutMismatch(out, spec.conversion == 0 ? u'?' : spec.conversion, "missing");
+        PutMismatch(out, directive.conversion == 0 ? u'?' : directive.conversion, "missing");
         return;
     }
     const bool isText = arg->kind() == FormatArg::Kind::Text16 || arg->kind() == FormatArg::Kind::Text8;
-    switch (spec.conversion) {
+    switch (directive.conversion) {
         case u's':
             if (!isText) {
                 PutMismatch(out, u's', "number");
             } else if (arg->kind() == FormatArg::Kind::Text16) {
-                PutPadded(out, spec, arg->text16());
+                PutPadded(out, directive, arg->text16());
             } else {
-                PutPadded(out, spec, Utf8ToUtf16(arg->text8()));
+                PutPadded(out, directive, Utf8ToUtf16(arg->text8()));
             }
             return;
         case u'd':
         case u'i': {
-            if (isText) return PutMismatch(out, spec.conversion, "text");
+            if (isText) return PutMismatch(out, directive.conversion, "text");
             const int64_t v = AsSigned(*arg);
             std::u16string body = Digits(v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v), 10, false);
             if (v < 0) body.insert(body.begin(), u'-');
-            PutPadded(out, spec, body);
+            PutPadded(out, directive, body);
             return;
         }
         case u'u':
             if (isText) return PutMismatch(out, u'u', "text");
-            PutPadded(out, spec, Digits(AsUnsigned(*arg), 10, false));
+            PutPadded(out, directive, Digits(AsUnsigned(*arg), 10, false));
             return;
         case u'x':
         case u'X':
-            if (isText) return PutMismatch(out, spec.conversion, "text");
-            PutPadded(out, spec, Digits(AsUnsigned(*arg), 16, spec.conversion == u'X'));
+            if (isText) return PutMismatch(out, directive.conversion, "text");
+            PutPadded(out, directive, Digits(AsUnsigned(*arg), 16, directive.conversion == u'X'));
             return;
         default:
-            PutMismatch(out, spec.conversion == 0 ? u'?' : spec.conversion, "unknown");
+            PutMismatch(out, directive.conversion == 0 ? u'?' : directive.conversion, "unknown");
             return;
     }
 }
@@ -153,15 +153,15 @@ size_t Run(Output& out, std::u16string_view format, const FormatArg* args, size_
             ++i;
             continue;
         }
-        Spec spec;
+        Directive directive;
         for (; i < format.size(); ++i) {
-            if (format[i] == u'-') spec.leftAlign = true;
-            else if (format[i] == u'0') spec.zeroPad = true;
+            if (format[i] == u'-') directive.leftAlign = true;
+            else if (format[i] == u'0') directive.zeroPad = true;
             else break;
         }
         while (i < format.size() && format[i] >= u'0' && format[i] <= u'9') {
-            spec.width = spec.width * 10 + (format[i] - u'0');
-            if (spec.width > 256) spec.width = 256;  // a log line never needs more
+            directive.width = directive.width * 10 + (format[i] - u'0');
+            if (directive.width > 256) directive.width = 256;  // a log line never needs more
             ++i;
         }
         // Length modifiers are accepted for familiarity; the argument knows its own width.
@@ -175,8 +175,8 @@ size_t Run(Output& out, std::u16string_view format, const FormatArg* args, size_
                 break;
             }
         }
-        if (i < format.size()) spec.conversion = format[i++];
-        FormatOne(out, spec, next < argCount ? &args[next] : nullptr);
+        if (i < format.size()) directive.conversion = format[i++];
+        FormatOne(out, directive, next < argCount ? &args[next] : nullptr);
         ++next;
     }
     for (; next < argCount; ++next) out.PutAscii(" %!(extra)");
