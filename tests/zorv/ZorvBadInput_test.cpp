@@ -251,7 +251,7 @@ TEST_F(BadInput, DamagedStoreIsRefusedOrAnsweredWithStatuses) {
     };
     const std::u16string payload = test::PathText(m_dir / "page.json");
     for (const auto& [what, damage] : damages) {
-        std::filesystem::copy_file(good, file, std::filesystem::copy_options::overwrite_existing);
+        test::WriteFile(file, test::ReadFile(good));
         damage();
         const uint32_t started = engine_start(&params);
         EXPECT_TRUE(started == AC_OK || started == AC_E_DB_OPEN) << what;
@@ -276,7 +276,7 @@ TEST_F(BadInput, DamagedStoreIsRefusedOrAnsweredWithStatuses) {
         // next start could not name its file again.
         ZorvDAL::Instance().Shutdown();
     }
-    std::filesystem::copy_file(good, file, std::filesystem::copy_options::overwrite_existing);
+    test::WriteFile(file, test::ReadFile(good));
     EXPECT_EQ(engine_start(&params), AC_OK) << "the undamaged file opens again";
 }
 
