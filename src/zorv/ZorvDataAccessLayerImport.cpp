@@ -351,6 +351,39 @@ void AddHash(cJSON* object, const char* key, sqlite3_stmt* stmt, int column, siz
 
 void AddNumber(cJSON* object, const char* key, double value) { cJSON_AddNumberToObject(object, key, value); }
 
+// Steps `stmt` to its end and writes one unformatted JSON line per row;
+// `build` makes a row's object, or sets its flag to end the page early. A
+// failed write ends the page and closes the payload.
+template <typename BuildRow>
+void WriteRows(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc, const std::u16string& payloadPath,
+               const char16_t* function, BuildRow build) {
+    PayloadLines lines(payload);
+    LinePrinter printer;
+    bool written = true;
+    rc = sqlite3_step(stmt);
+    while (rc == SQLITE_ROW) {
+        bool stop = false;
+        cJSON* object = build(stop);
+        if (stop) break;
+        size_t length = 0;
+        const char* text = object != nullptr ? printer.Print(object, length) : nullptr;
+        if (text == nullptr) {
+            ZORV_LOG(kLogError, function, u"JSON_PringUnformated failed, aborting query");
+            break;
+        }
+        if (!lines.Add(text, length)) {
+            written = false;
+            break;
+        }
+        rc = sqlite3_step(stmt);
+    }
+    if (written && !lines.Flush()) written = false;
+    if (!written) {
+        ZORV_LOG(kLogError, function, u"Write to payload %s failed, aborting query", payloadPath);
+        payload.Close();
+    }
+}
+
 }  // namespace
 
 // ---- Ruleset import -------------------------------------------------------
@@ -804,13 +837,9 @@ void ZorvDAL::GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt
                                      const std::u16string& payloadPath, const std::u16string& scanUuid) {
     constexpr const char16_t* kFn = u"ZorvDAL::GetItemSourceInventory";
     const std::string scan = Utf16ToUtf8(scanUuid);
-    PayloadLines lines(payload);
-    LinePrinter printer;
-    bool written = true;
-    rc = sqlite3_step(stmt);
     LineObject line;
     std::string md5, sha1, sha256;
-    while (rc == SQLITE_ROW) {
+    WriteRows(payload, stmt, rc, payloadPath, kFn, [&](bool& /*stop*/) -> cJSON* {
         HexOfColumn(stmt, 4, MD5Hash::kSize, md5);
         HexOfColumn(stmt, 5, SHA1Hash::kSize, sha1);
         HexOfColumn(stmt, 6, SHA256Hash::kSize, sha256);
@@ -828,37 +857,17 @@ void ZorvDAL::GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt
         line.Number("source", sqlite3_column_int(stmt, 10));
         line.Text("rulesetId", ColumnText(stmt, 11));
         line.Text("scanUuid", scan.c_str());
-        cJSON* object = line.Build();
-
-        size_t length = 0;
-        const char* text = object != nullptr ? printer.Print(object, length) : nullptr;
-        if (text == nullptr) {
-            ZORV_LOG(kLogError, kFn, u"JSON_PringUnformated failed, aborting query");
-            break;
-        }
-        if (!lines.Add(text, length)) {
-            written = false;
-            break;
-        }
-        rc = sqlite3_step(stmt);
-    }
-    if (written && !lines.Flush()) written = false;
-    if (!written) {
-        ZORV_LOG(kLogError, kFn, u"Write to payload %s failed, aborting query", payloadPath);
-        payload.Close();
-    }
+        return line.Build();
+    });
 }
 
 void ZorvDAL::GetItemSourceTrustRule(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
                                      const std::u16string& payloadPath) {
     constexpr const char16_t* kFn = u"ZorvDAL::GetItemSourceTrustRule";
     static constexpr const char* kIssuerKeys[6] = {"issuerCN", "issuerC", "issuerS", "issuerL", "issuerO", "issuerOU"};
-    PayloadLines lines(payload);
-    LinePrinter printer;
-    bool written = true;
-    rc = sqlite3_step(stmt);
-    while (rc == SQLITE_ROW) {
-        JsonPtr line(cJSON_CreateObject());
+    JsonPtr line;
+    WriteRows(payload, stmt, rc, payloadPath, kFn, [&](bool& stop) -> cJSON* {
+        line.reset(cJSON_CreateObject());
         cJSON* object = line.get();
         AddNumber(object, "trustRuleId", static_cast<double>(sqlite3_column_int64(stmt, 0)));
         AddText(object, "paths", stmt, 1);
@@ -875,25 +884,9 @@ void ZorvDAL::GetItemSourceTrustRule(platform::FileWriter& payload, sqlite3_stmt
         AddText(object, "userList", stmt, 18);
 
         const auto* userList = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 18));
-        if (userList != nullptr && !AddUserListMembers(object, userList)) break;
-
-        size_t length = 0;
-        const char* text = object != nullptr ? printer.Print(object, length) : nullptr;
-        if (text == nullptr) {
-            ZORV_LOG(kLogError, kFn, u"JSON_PringUnformated failed, aborting query");
-            break;
-        }
-        if (!lines.Add(text, length)) {
-            written = false;
-            break;
-        }
-        rc = sqlite3_step(stmt);
-    }
-    if (written && !lines.Flush()) written = false;
-    if (!written) {
-        ZORV_LOG(kLogError, kFn, u"Write to payload %s failed, aborting query", payloadPath);
-        payload.Close();
-    }
+        if (userList != nullptr && !AddUserListMembers(object, userList)) stop = true;
+        return object;
+    });
 }
 
 bool ZorvDAL::AddUserListMembers(cJSON* object, const char* userList) {
