@@ -8,6 +8,8 @@
 #include <exception>
 #include <new>
 
+#include <cjson/cJSON.h>
+
 #include "ZorvDataAccessLayer.h"
 #include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
@@ -300,8 +302,10 @@ ZORV_EXPORT uint32_t get_inventory(uint64_t afterItemId, uint64_t limit, uint32_
 
 ZORV_EXPORT uint32_t get_metrics_mem(void* buffer, uint32_t* size) {
     return Guarded(u"get_metrics_mem", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
-        return ZorvStats::Instance().GetMetrics(buffer, size);
+        ZorvEngine* engine = Engine();
+        if (engine == nullptr) return AC_E_NOT_STARTED;
+        return ZorvStats::Instance().GetMetrics(buffer, size,
+                                                [engine](cJSON* metrics) { engine->GetAllowCache().AddMetrics(metrics); });
     });
 }
 

@@ -30,7 +30,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ZorvEventAbstraction.h"
+#include "EngineEvent.h"
 #include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
 

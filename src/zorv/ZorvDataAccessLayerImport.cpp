@@ -24,10 +24,9 @@
 #include <string_view>
 #include <vector>
 
-#include "Zorv.h"
+#include "AppControlConfig.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvDataAccessLayerShared.h"
-#include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Zorv.h"
+#include "AppControlConfig.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <initializer_list>
 
-#include "Zorv.h"
-#include "ZorvEventAbstraction.h"
+#include "AppControlConfig.h"
+#include "EngineEvent.h"
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"

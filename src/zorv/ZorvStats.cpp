@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "ZorvDataAccessLayer.h"
-#include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
 #include "zorv/zorv.h"
@@ -147,7 +146,7 @@ void ZorvStats::ClearTrustRuleHitCounts() {
     m_trustRuleHitCounts.clear();
 }
 
-uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size) {
+uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size, const EngineSections& addEngineSections) {
     constexpr const char16_t* kFn = u"ZorvStats::GetMetrics";
     std::unique_ptr<cJSON, JsonDeleter> root(cJSON_CreateObject());
     cJSON* metrics = cJSON_AddObjectToObject(root.get(), "metrics");
@@ -187,9 +186,9 @@ uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size) {
 
     ZorvDAL& dal = ZorvDAL::Instance();
     dal.PrepareMetrics(cJSON_AddArrayToObject(metrics, "trustrules_stats"));
-    // The allow cache lives with the engine; between engine_stop and the next
-    // engine_start there is none to report.
-    if (ZorvEngine* engine = ZorvEngine::GetEngine()) engine->GetAllowCache().AddMetrics(metrics);
+    // The engine's own sections (the allow cache) come from the caller: the
+    // statistics sit below the engine and do not reach up to find it.
+    if (addEngineSections) addEngineSections(metrics);
     cJSON* dbinfo = cJSON_AddObjectToObject(metrics, "dbinfo");
     dal.PrepareMetricsDBInfo(dbinfo);
     dal.UserGroupTrustRulesCount(dbinfo);

@@ -9,10 +9,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
+
+struct cJSON;
 
 namespace zorv {
 
@@ -59,7 +62,10 @@ public:
     // stores the size the document needs, NUL included, into *size; returns
     // AC_OK when it was copied, AC_E_BUFFER_TOO_SMALL when `buffer` is null or
     // *size is too small, AC_E_NULL_SIZE when `size` is null.
-    uint32_t GetMetrics(void* buffer, uint32_t* size);
+    // `addEngineSections`, when given, adds the sections of the running engine
+    // (the allow cache) to the document's "metrics" object.
+    using EngineSections = std::function<void(cJSON*)>;
+    uint32_t GetMetrics(void* buffer, uint32_t* size, const EngineSections& addEngineSections = {});
     // Writes every hit count, minus one, back to the rule store.
     void WriteTrustRuleHitCounts();
 
