@@ -174,7 +174,10 @@ template <typename Record, typename Flush>
 uint64_t ZorvDAL::AppendBuffered(std::deque<Record>& buffer, const Record& record, const char16_t* function,
                                  Flush flush) {
     if (PendingRowsInternal() >= kMaxBufferedRows) {
-        flush();
+        // Whichever buffers filled them: all three are tried.
+        StoreItemFlushInternal();
+        StoreTrustRuleFlushInternal();
+        StoreUserListFlushInternal();
         if (PendingRowsInternal() >= kMaxBufferedRows) {
             ZORV_LOG(kLogError, function, u"Write buffers are full (%d rows not yet stored); row refused",
                      PendingRowsInternal());
