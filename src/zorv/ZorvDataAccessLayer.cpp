@@ -219,6 +219,9 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         return PrepareStatements();
     }
     if (m_dbPath.empty()) m_dbPath = u"ac.db";
+    // A file opened anew is judged afresh: damage seen in the one before
+    // (or before its repair) says nothing about it.
+    ResetStoreHealth();
 
     const std::string path = Utf16ToUtf8(m_dbPath);
     const int flags = readOnly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
