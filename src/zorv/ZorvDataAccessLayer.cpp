@@ -258,6 +258,9 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         return PrepareStatements();
     }
     if (m_dbPath.empty()) m_dbPath = u"ac.db";
+    // A file opened anew is judged afresh: damage seen in the one before
+    // (or before its repair) says nothing about it.
+    ResetStoreHealth();
 
     // A newer store is moved aside once and a fresh one opened in its place;
     // a fresh store that reads as newer again is not chased further.
