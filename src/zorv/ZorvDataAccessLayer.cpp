@@ -323,7 +323,7 @@ ZorvDAL::OpenResult ZorvDAL::OpenAndMigrate(bool readOnly) {
     ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"Schema USER_VERSION defined in the code: %d", kSchemaVersion);
 
     if (version == 0) {
-        ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
+        ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
         for (size_t i = 0; i < m_schema.size(); ++i) {
             if (!ExecSchema(db, i)) {
                 ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"sqlite3_exec for schema size failed fro version 0. rc: %d",
