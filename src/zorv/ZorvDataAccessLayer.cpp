@@ -258,6 +258,9 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         return PrepareStatements();
     }
     if (m_dbPath.empty()) m_dbPath = u"ac.db";
+    // A file opened anew is judged afresh: damage seen in the one before
+    // (or before its repair) says nothing about it.
+    ResetStoreHealth();
 
     // A newer store is moved aside once and a fresh one opened in its place;
     // a fresh store that reads as newer again is not chased further.
@@ -320,7 +323,7 @@ ZorvDAL::OpenResult ZorvDAL::OpenAndMigrate(bool readOnly) {
     ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"Schema USER_VERSION defined in the code: %d", kSchemaVersion);
 
     if (version == 0) {
-        ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
+        ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
         for (size_t i = 0; i < m_schema.size(); ++i) {
             if (!ExecSchema(db, i)) {
                 ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"sqlite3_exec for schema size failed fro version 0. rc: %d",

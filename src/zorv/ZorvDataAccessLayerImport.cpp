@@ -30,6 +30,7 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvWildcard.h"
 #include "ZorvUtilWindows.h"
 #include "platform/Platform.h"
 
@@ -625,6 +626,16 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
             SetLoweredText(element, "group", rule.procGroup);
             SetLoweredText(element, "userList", rule.userList);
             rule.ruleset = ruleset;
+            // Matching cost grows with a pattern's length, and every event pays
+            // it for every rule: a longer pattern is refused like any bad row.
+            if (!WildcardPattern::Fits(rule.processName) || !WildcardPattern::Fits(rule.paths)) {
+                const std::u16string& pattern = WildcardPattern::Fits(rule.processName) ? rule.paths : rule.processName;
+                ZORV_LOG(kLogWarning, kImportFn,
+                         u"Trust rule skipped: pattern of %u units is longer than %u: %s...", pattern.size(),
+                         WildcardPattern::kMaxPatternUnits,
+                         std::u16string_view(pattern).substr(0, WildcardPattern::kMaxPatternUnits));
+                continue;
+            }
             // A rule that cannot be stored is logged there; only a failing store stops the import.
             if (ImportRowFailed(db, StoreTrustRuleInternal(rule, true), error)) return false;
         }

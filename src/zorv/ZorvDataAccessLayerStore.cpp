@@ -559,25 +559,35 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
 
 // ---- AppControlState ----
 
-bool ZorvDAL::GetAppControlState(const std::u16string& settingName, std::u16string& value) {
+ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingName, std::u16string& value) {
     constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
     const Statement held = m_pGetAcStateStmt;
     if (!held) {
         ZORV_LOG(kLogError, kFunction, u"m_pGetAcStateStmt is released");
-        return false;
+        return SettingRead::Failed;
     }
     TracedLock lock(m_dbLock, kFunction, u"GetAppControlState lock", u"GetAppControlState unlock");
     const StatementUse use(held);
     sqlite3_stmt* stmt = use.get();
     BindTextAsIs(stmt, ":setting", settingName);
-    if (sqlite3_step(stmt) != SQLITE_ROW) {
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_DONE) {
         ZORV_LOG(kLogTrace, kFunction, u"Unable to get AppControl Setting for %s", settingName);
-        return false;
+        return SettingRead::Absent;
+    }
+    if (rc != SQLITE_ROW) {
+        // Not "absent": a caller that took it so would act on a value it never read.
+        ZORV_LOG(kLogError, kFunction, u"Unable to read AppControl Setting %s: %s", settingName, GetErrorString());
+        return SettingRead::Failed;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
     value = text != nullptr ? Utf8ToUtf16(std::string_view(text, sqlite3_column_bytes(stmt, 0))) : std::u16string();
     ZORV_LOG(kLogTrace, kFunction, u"Found AppControl Setting for %s value %s", settingName, value);
-    return true;
+    return SettingRead::Found;
+}
+
+bool ZorvDAL::GetAppControlState(const std::u16string& settingName, std::u16string& value) {
+    return ReadAppControlState(settingName, value) == SettingRead::Found;
 }
 
 bool ZorvDAL::SetAppControlState(const std::u16string& settingName, const std::u16string& value) {
