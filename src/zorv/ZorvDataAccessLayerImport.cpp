@@ -485,6 +485,9 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     if (ok) {
         ok = Exec(db, "END TRANSACTION;", error) == SQLITE_OK;
         if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", error);
+        // The new rules are in force from here: no allow decided from the old
+        // ones may be cached any more (see AllowCache).
+        if (ok) NoteRulesCommitted();
     }
     if (ok) {
         const int rc = sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_FULL, nullptr, nullptr);
