@@ -107,8 +107,9 @@ bool ReadSettingValue(const std::u16string& name, uint64_t& value) {
     return true;
 }
 
+// All ones ("not known") goes back as the "-1" the scripts seed.
 void WriteSettingValue(const std::u16string& name, uint64_t value) {
-    ZorvDAL::Instance().SetAppControlState(name, Format(u"%llu", value));
+    ZorvDAL::Instance().SetAppControlStateValue(name, value);
 }
 
 uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {

@@ -61,6 +61,9 @@ struct UserListRecord {
 
 class ZorvDAL {
 public:
+    // The three write-behind buffers together hold at most this many rows.
+    static constexpr size_t kMaxBufferedRows = 100000;
+
     // What an import's name says the document is.
     enum class RulesetKind { ItemRuleset, TrustRuleset, AgentManifest };
 
@@ -185,7 +188,14 @@ private:
     friend struct ZorvDALTestPeer;
 
     // ZorvDataAccessLayer.cpp
+    enum class OpenResult { Opened, Failed, Newer };
     bool _InitDB(bool readOnly);
+    // One open: the connection, its settings and the migration. Newer means
+    // the file was of a newer schema and has been moved aside.
+    OpenResult OpenAndMigrate(bool readOnly);
+    // Renames the closed file (and its -wal and -shm) beside itself, with the
+    // version and the UTC time in the name.
+    bool MoveAside(int version);
     bool PrepareStatements();
     void Finalize();
     bool _DeleteDB();
@@ -216,14 +226,19 @@ private:
     uint64_t StoreTrustRuleFlushInternal();
     uint64_t StoreUserListInternal(const UserListRecord& entry, bool tempTable);
     uint64_t StoreUserListFlushInternal();
+    size_t PendingRowsInternal() const;
+    template <typename Record, typename Flush>
+    uint64_t AppendBuffered(std::deque<Record>& buffer, const Record& record, const char16_t* function, Flush flush);
 
     // ZorvDataAccessLayerImport.cpp
     bool ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const std::u16string& name);
     bool PrepareImportStatement(sqlite3* db, Statement& stmt, const char* sql, const char16_t* sqlName);
     bool ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                          const std::u16string& name, std::string& error);
+                          const std::u16string& name, uint64_t& rowCount, std::string& error);
     bool ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                         const std::u16string& name, std::vector<std::string>& itemMetadata, std::string& error);
+                         const std::u16string& name, std::vector<std::string>& itemMetadata, uint64_t& rowCount,
+                         std::string& error);
+    bool ImportRowFailed(sqlite3* db, uint64_t rowId, std::string& error) const;
     void GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
                                 const std::u16string& payloadPath, const std::u16string& scanUuid);
     void GetItemSourceTrustRule(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
@@ -240,6 +255,9 @@ private:
     std::deque<EngineEvent> m_pendingItems;
     std::deque<TrustRuleRecord> m_pendingTrustRules;
     std::deque<UserListRecord> m_pendingUserLists;
+    // What the last insert of the three Internal store operations ended with
+    // (SQLITE_OK when it stored its row); guarded by the database lock.
+    int m_lastInsertRc = SQLITE_OK;
 
     Statement m_pInsertItemStmt;
     Statement m_pInsertTrustRuleStmt;

@@ -14,6 +14,7 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvWildcard.h"
 
 namespace zorv {
 
@@ -22,137 +23,6 @@ namespace {
 using dal::TracedLock;
 
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
-
-// ---- Wildcard patterns ----
-
-bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
-
-// One element of a compiled pattern. A "**" followed by a separator becomes
-// two: the position at a level boundary, where the element may end, and the
-// position inside a level, where it may not, so that only whole levels match.
-enum class PatternElement : uint8_t {
-    Literal,   // the unit itself
-    AnyOne,    // '?': one unit that is not a separator
-    AnyRun,    // '*': any run of units that are not separators
-    AnyLevels, // "**\" or "**/": empty, or any run ending in a separator
-    LevelsMid  // inside a level of the AnyLevels element just before it
-};
-
-struct CompiledPattern {
-    std::vector<PatternElement> kinds;
-    std::vector<char16_t> units;  // the literal for Literal elements
-};
-
-CompiledPattern Compile(std::u16string_view pattern) {
-    CompiledPattern compiled;
-    compiled.kinds.reserve(pattern.size());
-    compiled.units.reserve(pattern.size());
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        const char16_t unit = pattern[i];
-        PatternElement kind = PatternElement::Literal;
-        if (unit == u'?') {
-            kind = PatternElement::AnyOne;
-        } else if (unit == u'*') {
-            if (i + 2 < pattern.size() && pattern[i + 1] == u'*' && IsSeparator(pattern[i + 2])) {
-                kind = PatternElement::AnyLevels;
-                i += 2;
-            } else {
-                kind = PatternElement::AnyRun;
-            }
-        }
-        // Adjacent runs of '*' accept the same texts as one; folding them keeps
-        // the state set small for patterns like "a***b".
-        if (kind == PatternElement::AnyRun && !compiled.kinds.empty() &&
-            compiled.kinds.back() == PatternElement::AnyRun) {
-            continue;
-        }
-        compiled.kinds.push_back(kind);
-        compiled.units.push_back(unit);
-        if (kind == PatternElement::AnyLevels) {
-            compiled.kinds.push_back(PatternElement::LevelsMid);
-            compiled.units.push_back(unit);
-        }
-    }
-    return compiled;
-}
-
-// A set of pattern positions, one bit each.
-class StateSet {
-public:
-    explicit StateSet(size_t count) : m_words((count + 63) / 64, 0) {}
-    bool Test(size_t i) const { return (m_words[i / 64] >> (i % 64)) & 1u; }
-    void Set(size_t i) { m_words[i / 64] |= uint64_t{1} << (i % 64); }
-    void Clear() { std::fill(m_words.begin(), m_words.end(), 0); }
-    bool Empty() const {
-        for (uint64_t word : m_words) {
-            if (word != 0) return false;
-        }
-        return true;
-    }
-    // Index of the first set bit at or after `from`, or `limit` when none.
-    size_t Next(size_t from, size_t limit) const {
-        while (from < limit) {
-            const uint64_t word = m_words[from / 64] >> (from % 64);
-            if (word != 0) return from + static_cast<size_t>(std::countr_zero(word));
-            from = (from / 64 + 1) * 64;
-        }
-        return limit;
-    }
-    void Swap(StateSet& other) { m_words.swap(other.m_words); }
-
-private:
-    std::vector<uint64_t> m_words;
-};
-
-// The elements that may match nothing let the position after them be reached
-// too. Positions only move forward, so one ascending pass closes the set.
-void CloseOverEmptyRuns(const CompiledPattern& pattern, StateSet& states) {
-    const size_t count = pattern.kinds.size();
-    for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
-        const PatternElement kind = pattern.kinds[i];
-        if (kind == PatternElement::AnyRun) states.Set(i + 1);
-        // At a level boundary the levels may end: skip the inside position too.
-        if (kind == PatternElement::AnyLevels) states.Set(i + 2);
-    }
-}
-
-// Simulates the pattern as an automaton over the text: each text unit moves
-// every reachable position at once. Cost is at most text length times pattern
-// length, whatever the pattern, and nothing recurses.
-bool MatchCompiled(std::u16string_view text, const CompiledPattern& pattern) {
-    const size_t count = pattern.kinds.size();
-    StateSet current(count + 1);
-    StateSet next(count + 1);
-    current.Set(0);
-    CloseOverEmptyRuns(pattern, current);
-    for (const char16_t unit : text) {
-        next.Clear();
-        const bool separator = IsSeparator(unit);
-        for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
-            switch (pattern.kinds[i]) {
-                case PatternElement::Literal:
-                    if (pattern.units[i] == unit) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyOne:
-                    if (!separator) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyRun:
-                    if (!separator) next.Set(i);
-                    break;
-                case PatternElement::AnyLevels:
-                    next.Set(separator ? i : i + 1);
-                    break;
-                case PatternElement::LevelsMid:
-                    next.Set(separator ? i - 1 : i);
-                    break;
-            }
-        }
-        if (next.Empty()) return false;
-        CloseOverEmptyRuns(pattern, next);
-        current.Swap(next);
-    }
-    return current.Test(count);
-}
 
 // ---- Database helpers ----
 
@@ -274,21 +144,15 @@ bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
 }  // namespace
 
 bool ZorvDAL::WildcardMatch(std::u16string_view text, std::u16string_view pattern) {
-    if (text == pattern) return true;
-    // Without wildcards only equality can match; the separator rewriting below
-    // must not turn a plain directory name into a pattern.
-    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return false;
-
-    std::u16string rewritten(pattern);
-    // "dir\**" means everything below dir, and "dir\" the files directly in it.
-    if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
-    if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
-    return MatchCompiled(text, Compile(rewritten));
+    return WildcardPattern::CompileOne(pattern).Match(text);
 }
 
 bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string patterns) {
     ToLowerInPlace(text);
     ToLowerInPlace(patterns);
+    if (!WildcardPattern::CompileList(patterns).Match(text)) return false;
+    // The whole list is matched in one pass; naming the pattern that matched
+    // takes a second look, paid only once a rule has matched.
     size_t start = 0;
     while (start <= patterns.size()) {
         size_t end = patterns.find(u';', start);
@@ -297,11 +161,11 @@ bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string pat
         if (!pattern.empty() && WildcardMatch(text, pattern)) {
             ZORV_LOG(kLogTrace, u"ZorvDAL::MatchEventPathWithRulePath",
                      u"Match found between event path [%s] and rule path [%s]", text, pattern);
-            return true;
+            break;
         }
         start = end + 1;
     }
-    return false;
+    return true;
 }
 
 // ---- Store health ----
