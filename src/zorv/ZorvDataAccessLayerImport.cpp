@@ -513,6 +513,9 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     if (ok) {
         ok = ExecControl(db, "END TRANSACTION;", error) == SQLITE_OK;
         if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", error);
+        // The new rules are in force from here: no allow decided from the old
+        // ones may be cached any more (see AllowCache).
+        if (ok) NoteRulesCommitted();
     }
     if (!ok) {
         // A failed statement may have ended the transaction already (SQLite

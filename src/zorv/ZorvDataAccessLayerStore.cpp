@@ -576,8 +576,10 @@ ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingN
         return SettingRead::Absent;
     }
     if (rc != SQLITE_ROW) {
-        // Not "absent": a caller that took it so would act on a value it never read.
-        ZORV_LOG(kLogError, kFunction, u"Unable to read AppControl Setting %s: %s", settingName, GetErrorString());
+        // Not "absent": a caller that took it so would act on a value it never
+        // read. The settings live in the same file as the rules, so this is the
+        // store's health too (and logged once per change of it).
+        NoteStoreFault(kFunction, rc, u"Unable to read AppControl Setting " + settingName + u": " + GetErrorString());
         return SettingRead::Failed;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));

@@ -225,7 +225,7 @@ bool ZorvEngine::HandleProcessStartEvent(EngineEvent& event) {
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"User %s, process %s and target %s approved pid %lu. Setting isAuthorized to 3",
                  event.user, event.processName, event.name, event.pid);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s blocked pid %lu", event.name, event.pid);
         Count(u"RunBlockedRule");
@@ -264,7 +264,7 @@ bool ZorvEngine::HandleScriptStartEvent(EngineEvent& event) {
         Count(u"RunAllowedRule");
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"Process %s approved pid %lu", event.name, event.pid);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s blocked pid %lu", event.name, event.pid);
         Count(u"RunBlockedRule");
@@ -301,7 +301,7 @@ bool ZorvEngine::HandleMmapStartEvent(EngineEvent& event) {
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"Process %s (%lu) was approved to create executable mapping for %s",
                  event.processName, event.pid, event.path);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s (%lu) was not approved to create executable mapping for %s",
                  event.processName, event.pid, event.path);

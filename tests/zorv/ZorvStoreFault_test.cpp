@@ -150,10 +150,15 @@ TEST_F(StoreFault, UnreadableSettingsNeverSwitchEnforcementOff) {
     EXPECT_FALSE(Logged(u"Upgrade detected old version  new version 12.0.193 waiting for manifest to be applied"));
     EXPECT_EQ(ErrorsStartingWith(u"Unable to read the stored agent version"), 1u);
 
+    // The file is damaged: nothing more is decided from it until it is replaced.
     uint32_t status = 0;
-    const AppCtlResult result = Run(Start(u"c:\\apps\\new.exe", 0xBB), &status);
-    EXPECT_NE(status, AC_OK) << "action " << result.action;
+    for (const uint8_t digest : {0xBB, 0xAA}) {
+        const AppCtlResult result = Run(Start(u"c:\\apps\\new.exe", digest), &status);
+        EXPECT_EQ(result.action, AC_DECISION_ERROR) << int{digest};
+        EXPECT_EQ(status, AC_E_FAILED) << int{digest};
+    }
     EXPECT_EQ(Metric(u"ALLOWED_WAITING_FOR_MANIFEST"), 0u);
+    EXPECT_FALSE(StoreHealthyInMetrics());
 }
 
 TEST_F(StoreFault, StartWithoutSha256IsNoDecision) {
