@@ -39,9 +39,15 @@ public:
     OplockReader(const OplockReader&) = delete;
     OplockReader& operator=(const OplockReader&) = delete;
 
-    // False when the file cannot be opened (or, on Windows, the oplock is refused).
+    // False when the file cannot be opened (or, on Windows, the oplock is
+    // refused). The files read are named by events and hosts, so the open can
+    // neither block nor be redirected: a link (reparse point) in the last
+    // component, a FIFO (named pipe), a device or a directory is refused with
+    // error 5 and never read.
     bool Open(std::u16string_view path);
     bool IsOpen() const;
+    // The file's size when it was opened; 0 when not open.
+    uint64_t Size() const;
     // Bytes read; 0 at end of file or on failure, and the reader is then closed.
     size_t Read(void* buffer, size_t count);
     // Safe to call twice.
@@ -114,9 +120,11 @@ struct FileStatus {
 bool StatFile(std::u16string_view path, FileStatus& out);
 
 // A file's last-access and last-write times as Windows file times (100-ns
-// ticks since 1601-01-01 UTC). The file is opened for reading, shared for
-// reading only. On failure `error` holds the Windows error number and
-// `openFailed` says whether the open or the time query failed.
+// ticks since 1601-01-01 UTC), read from the directory entry without opening
+// the file, which could block (a FIFO, a named pipe). Only a regular file
+// answers: a link (reparse point), directory or other special file gives
+// error 5. On failure `error` holds the Windows error number and
+// `openFailed` says whether the path or the time query failed.
 struct FileTimes {
     uint64_t lastAccess = 0;
     uint64_t lastWrite = 0;
