@@ -61,8 +61,11 @@ private:
     uint32_t m_error = 0;
 };
 
-// Writes a file from the start, replacing whatever was there; shared so that
-// other programs may read it meanwhile.
+// Writes a new file, shared so that other programs may read it meanwhile.
+// Open creates the file and fails when anything already has the name (a
+// file, a link, a FIFO): it never writes through a link or into an existing
+// file, which is what makes write-beside-then-ReplaceFile safe in a folder
+// others can write to.
 class FileWriter {
 public:
     FileWriter();
@@ -100,6 +103,21 @@ private:
     struct Native;
     std::unique_ptr<Native> m_native;
 };
+
+// What a directory entry is, without following a link in its last component.
+enum class EntryKind {
+    Missing,  // nothing has the name (or its folder is missing)
+    Regular,  // a regular file
+    Other     // a link (reparse point), directory, FIFO (named pipe), device...
+};
+EntryKind KindOfEntry(std::u16string_view path);
+
+// Removes a name; a link is removed itself, never what it points to.
+bool RemoveFile(std::u16string_view path);
+
+// Gives `from` the name `to` in one step, replacing what had it (a link is
+// replaced itself, never written through). `error` holds the Windows error.
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error);
 
 // Local calendar time of a moment given in seconds since 1970-01-01 UTC.
 bool LocalTime(int64_t secondsSince1970, std::tm& out);

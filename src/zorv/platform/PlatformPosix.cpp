@@ -191,7 +191,7 @@ bool FileWriter::Open(std::u16string_view path) {
     Close();
     m_error = 0;
     auto native = std::make_unique<Native>();
-    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK, 0644));
     if (!native->fd.valid()) {
         m_error = PosixError(errno);
         return false;
@@ -315,6 +315,21 @@ bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, boo
     out.lastAccess = ToFileTime(st.st_atim);
     out.lastWrite = ToFileTime(st.st_mtim);
     return true;
+}
+
+EntryKind KindOfEntry(std::u16string_view path) {
+    struct stat st {};
+    if (::lstat(NativePath(path).c_str(), &st) != 0) return errno == ENOENT ? EntryKind::Missing : EntryKind::Other;
+    return S_ISREG(st.st_mode) ? EntryKind::Regular : EntryKind::Other;
+}
+
+bool RemoveFile(std::u16string_view path) { return ::unlink(NativePath(path).c_str()) == 0; }
+
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+    error = 0;
+    if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
+    error = PosixError(errno);
+    return false;
 }
 
 bool IsReparsePoint(std::u16string_view path) {

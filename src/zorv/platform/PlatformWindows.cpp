@@ -222,9 +222,10 @@ bool FileWriter::Open(std::u16string_view path) {
     m_error = 0;
     auto native = std::make_unique<Native>();
     const std::wstring nativePath = NativePath(path);
+    // CREATE_NEW fails on any existing name, a reparse point included.
     native->file.Reset(::CreateFileW(nativePath.c_str(), GENERIC_WRITE,
-                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS,
-                                     FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_NEW,
+                                     FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!native->file.valid()) {
         m_error = WindowsError();
         return false;
@@ -350,6 +351,25 @@ bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, boo
     out.lastAccess = ToTicks(data.ftLastAccessTime);
     out.lastWrite = ToTicks(data.ftLastWriteTime);
     return true;
+}
+
+EntryKind KindOfEntry(std::u16string_view path) {
+    const DWORD attributes = ::GetFileAttributesW(NativePath(path).c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        const DWORD error = ::GetLastError();
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? EntryKind::Missing : EntryKind::Other;
+    }
+    const DWORD notRegular = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
+    return (attributes & notRegular) == 0 ? EntryKind::Regular : EntryKind::Other;
+}
+
+bool RemoveFile(std::u16string_view path) { return ::DeleteFileW(NativePath(path).c_str()) != FALSE; }
+
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+    error = 0;
+    if (::MoveFileExW(NativePath(from).c_str(), NativePath(to).c_str(), MOVEFILE_REPLACE_EXISTING)) return true;
+    error = WindowsError();
+    return false;
 }
 
 bool IsReparsePoint(std::u16string_view path) {

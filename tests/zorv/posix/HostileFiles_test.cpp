@@ -12,6 +12,7 @@
 #include <string>
 
 #include "EngineEvent.h"
+#include "../EngineTestFixture.h"
 #include "TestSupport.h"
 #include "ZorvQuery.h"
 #include "platform/Platform.h"
@@ -95,6 +96,31 @@ TEST(HostileFiles, OneLineScriptTestReadsNoFurtherThanItsAnswer) {
         for (const char* name : {"sparse.ps1", "over.ps1", "two.ps1"}) EXPECT_FALSE(trusted(name)) << name;
         for (const char* name : {"plain.ps1", "mib.ps1", "one.ps1"}) EXPECT_TRUE(trusted(name)) << name;
     });
+}
+
+class HostileRuleset : public test::EngineFixture {};
+
+TEST_F(HostileRuleset, OnlyARegularFileWithinTheSizeLimitIsImported) {
+    HostileFolder folder;
+    const std::string rules = R"({"rules":[{"fileName":"a.exe","sha256":")" + std::string(64, 'a') +
+                              R"(","size":1,"action":"allow"}]})";
+    test::WriteFile(folder.dir / "rules.json", rules);
+    fs::create_symlink(folder.dir / "rules.json", folder.dir / "rules-link.json");
+    // Claims 2 GiB, holds almost nothing: refused before anything is allocated.
+    test::WriteFile(folder.dir / "sparse.json", rules);
+    fs::resize_file(folder.dir / "sparse.json", std::uintmax_t{2} << 30);
+    const auto import = [](const std::u16string& path) { return set_ruleset(0, test::Host(path), test::Host(u"r")); };
+    test::WithinSeconds(30, "set_ruleset", [&] {
+        for (const char* name : {"fifo.ps1", "zero.ps1", "fifo-link.ps1", "dangling.ps1", "rules-link.json"}) {
+            EXPECT_EQ(import(folder.Path(name)), AC_E_FAILED) << name;
+        }
+        for (const char16_t* path : {u"/dev/zero", u"/dev/null"}) EXPECT_EQ(import(path), AC_E_FAILED);
+        EXPECT_EQ(import(folder.Path("sparse.json")), AC_E_FAILED);
+    });
+    EXPECT_TRUE(LoggedStartingWith(u"Ruleset file " + folder.Path("sparse.json") + u" is 2147483648 bytes, more than"));
+    EXPECT_EQ(ItemCount(), 0);
+    EXPECT_EQ(import(folder.Path("rules.json")), AC_OK);
+    EXPECT_EQ(ItemCount(), 1);
 }
 
 }  // namespace
