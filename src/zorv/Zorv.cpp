@@ -293,6 +293,12 @@ using namespace zorv;
 extern "C" {
 
 ZORV_EXPORT uint32_t app_ctl(void* /*reserved*/, const AppCtlEvent* event, AppCtlResult* result) {
+    // Filled first, before anything can fail: whatever the status, the host
+    // never reads its own stale bytes back as a decision. Undecided is 8.
+    if (result != nullptr) {
+        std::memset(result, 0, sizeof *result);
+        result->action = AC_DECISION_ERROR;
+    }
     return Guarded(u"app_ctl", AC_E_FAILED, [&] { return AppCtl(event, result); });
 }
 

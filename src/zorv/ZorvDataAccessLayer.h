@@ -170,8 +170,16 @@ public:
 
     // ---- Import and export (ZorvDataAccessLayerImport.cpp) ----
 
+    // The largest ruleset file an import reads (1 GiB): the whole document is
+    // held in memory while it is parsed.
+    static constexpr uint64_t kMaxRulesetBytes = uint64_t{1} << 30;
+    // Only a regular file is read, never through a link in its last
+    // component, and never a FIFO or device; larger than the limit is refused.
     bool ImportRuleset(uint8_t append, const std::u16string& path, const std::u16string& name);
     bool ImportRulesetBuffer(uint8_t append, const std::string& utf8, const std::u16string& name);
+    // Writes the page beside `payloadPath` and renames it over that name once
+    // whole; false, and nothing under the name, when it could not be written
+    // whole. A payload name held by anything but a regular file is refused.
     bool GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, const std::u16string& payloadPath,
                   const std::u16string& scanUuid);
     bool CollectTableMetadata(sqlite3* db, const std::string& table, std::vector<std::string>& statements,

@@ -425,10 +425,18 @@ bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const st
         ZORV_LOG(kLogError, kFn, u"Couldn't create payload");
         return false;
     }
+    // The size of the file actually opened, not of whatever the path named a
+    // moment ago; the limit keeps one file from taking the agent's memory.
+    const uint64_t size = reader.Size();
+    if (size > kMaxRulesetBytes) {
+        ZORV_LOG(kLogError, kFn, u"Ruleset file %s is %llu bytes, more than the limit of %llu, refused", path, size,
+                 kMaxRulesetBytes);
+        return false;
+    }
     // std::string keeps a NUL after its last byte, where the parser stops.
     std::string text;
     try {
-        text.resize(static_cast<size_t>(status.size));
+        text.resize(static_cast<size_t>(size));
     } catch (const std::exception&) {
         ZORV_LOG(kLogError, kFn, u"Memory initialization failure\n");
         return false;
@@ -873,9 +881,20 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         return false;
     }
 
+    // The page is written beside the payload's name and renamed over it only
+    // once whole, so the host never reads a cut page as a short one. Neither
+    // name is ever written through: the payload's must be free or a regular
+    // file, and the one beside it is created afresh.
+    if (platform::KindOfEntry(payloadPath) == platform::EntryKind::Other) {
+        ZORV_LOG(kLogError, kFn, u"Payload %s is not a regular file, refused", payloadPath);
+        ZORV_LOG(kLogTrace, kFn, u"GetItems unlock");
+        return false;
+    }
+    const std::u16string partialPath = payloadPath + u".partial";
+    platform::RemoveFile(partialPath);
     bool result = true;
     platform::FileWriter payload;
-    if (!payload.Open(payloadPath)) {
+    if (!payload.Open(partialPath)) {
         ZORV_LOG(kLogError, kFn, u"Couldn't create Payload");
         result = false;
     } else {
@@ -885,14 +904,21 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         } else {
             GetItemSourceInventory(payload, stmt.get(), rc, payloadPath, scanUuid);
         }
-        if (rc == SQLITE_DONE) {
-            payload.Close();
-        } else if (rc != SQLITE_ROW) {
+        if (rc != SQLITE_DONE && rc != SQLITE_ROW) {
             // The page would look merely short, and the agent would stop paging
             // as if it had read everything.
             ZORV_LOG(kLogError, kFn, u"DAL Error%s\n", GetErrorString());
             result = false;
         }
+        // A failed write closed the writer and is logged where it happened.
+        if (payload.Error() != 0) result = false;
+        payload.Close();
+        uint32_t error = 0;
+        if (result && !platform::ReplaceFile(partialPath, payloadPath, error)) {
+            ZORV_LOG(kLogError, kFn, u"Unable to move the page to payload %s, error %u", payloadPath, error);
+            result = false;
+        }
+        if (!result) platform::RemoveFile(partialPath);
     }
     ZORV_LOG(kLogTrace, kFn, u"GetItems unlock");
     sqlite3_reset(stmt.get());
