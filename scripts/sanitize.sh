@@ -20,6 +20,7 @@ case "$lane" in
     dir=build-asan
     sanitizers=address,undefined
     targets=(zorv_unit_tests zorv_abi_tests)
+    suites=(-DZORV_UNIT_TEST_SUITES=)
     filter=()
     export ASAN_OPTIONS="detect_leaks=1:detect_stack_use_after_return=1:check_initialization_order=1:strict_string_checks=1"
     export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
@@ -28,16 +29,21 @@ case "$lane" in
     dir=build-tsan
     sanitizers=thread
     targets=(zorv_unit_tests)
+    suites=(-DZORV_UNIT_TEST_SUITES="ZorvConcurrency;ZorvAllowCache;ZorvDalLifecycle")
     filter=(-R '^(ZorvConcurrency|AllowCache|ZorvDalLifecycle)\.')
     export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
     ;;
   *) echo "unknown lane '$lane': address or thread" >&2; exit 2 ;;
 esac
 
+# One folder per sanitizer: a folder configured with the other compiler starts afresh.
+if [ -f "$dir/CMakeCache.txt" ] && ! grep -q "^CMAKE_CXX_COMPILER:.*[/=]$cxx\$" "$dir/CMakeCache.txt"; then
+  rm -rf "$dir"
+fi
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DZORV_SANITIZE="$sanitizers" \
-  -DZORV_BUILD_TOOLS=OFF -DZORV_BUILD_BENCH=OFF "${launcher[@]}"
-cmake --build "$dir" --target "${targets[@]}"
+  -DZORV_BUILD_TOOLS=OFF -DZORV_BUILD_BENCH=OFF "${suites[@]}" "${launcher[@]}"
+cmake --build "$dir" --parallel "$(nproc)" --target "${targets[@]}"
 ctest --test-dir "$dir" --output-on-failure -j "$(nproc)" "${filter[@]}"
