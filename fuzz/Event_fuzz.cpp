@@ -61,9 +61,22 @@ Files MakeFiles(const std::filesystem::path& root) {
     fs::create_symlink(bin / "setup.ps1", bin / "link.ps1", ignored);
     fs::create_symlink(bin / "missing", bin / "dangling.ps1", ignored);
 
+    // PowerShell's helper scripts are trusted only under a folder named
+    // "\temp\"; on Linux that is one folder whose name holds the backslashes.
+    const fs::path temp = bin / "\\temp\\";
+    fs::create_directories(temp);
+    Write(temp / "helper.ps1", "# helper");
+    Write(temp / "two.ps1", "# one\n# two\n");
+    std::ofstream(temp / "huge.ps1", std::ios::binary).seekp(4 << 20) << '#';  // one sparse line of 4 MiB
+    mkfifo((temp / "pipe.ps1").c_str(), 0600);
+    fs::create_symlink("/dev/zero", temp / "zero.ps1", ignored);
+    fs::create_symlink(temp / "helper.ps1", temp / "link.ps1", ignored);
+
     Files files;
     for (const char* name : {"tool", "setup.ps1", "oneline.ps1", "installer.msi", "lib.so", "run.py", "pipe",
-                             "pipe.ps1", "zero.ps1", "link", "link.ps1", "dangling.ps1", "sub", "missing.exe"}) {
+                             "pipe.ps1", "zero.ps1", "link", "link.ps1", "dangling.ps1", "sub", "missing.exe",
+                             "\\temp\\/helper.ps1", "\\temp\\/two.ps1", "\\temp\\/huge.ps1",
+                             "\\temp\\/pipe.ps1", "\\temp\\/zero.ps1", "\\temp\\/link.ps1"}) {
         files.paths.push_back(Store::Text((bin / name).string()));
     }
     files.paths.push_back(Store::Text(bin.string() + "/"));
@@ -124,18 +137,20 @@ void Seed(Store& store) {
 // repeated up to past the longest Windows path.
 std::u16string* Text(FuzzedDataProvider& in, std::vector<std::u16string>& keep, const std::vector<std::u16string>& real) {
     std::u16string text;
-    switch (in.ConsumeIntegralInRange<int>(0, 6)) {
+    switch (in.ConsumeIntegralInRange<int>(0, 7)) {
     case 0:
         return nullptr;
     case 1:
         break;
     case 2:
+    case 3:
+    case 4:  // most often a real name, so that the paths past the name checks are reached
         text = real[in.ConsumeIntegralInRange<size_t>(0, real.size() - 1)];
         break;
-    case 3:
+    case 5:
         text = RawText(in.ConsumeRandomLengthString(512));
         break;
-    case 4:
+    case 6:
         text = real[in.ConsumeIntegralInRange<size_t>(0, real.size() - 1)] + RawText(in.ConsumeRandomLengthString(64));
         break;
     default: {
