@@ -60,7 +60,12 @@ uint32_t FromBool(bool ok) { return ok ? AC_OK : AC_E_FAILED; }
 // which reads back as all ones, the engine's "not known".
 bool ReadSettingValue(const std::u16string& name, uint64_t& value) {
     std::u16string text;
-    if (!ZorvDAL::Instance().GetAppControlState(name, text) || text.empty()) return false;
+    const ZorvDAL::SettingRead read = ZorvDAL::Instance().ReadAppControlState(name, text);
+    if (read == ZorvDAL::SettingRead::Failed) {
+        ZORV_LOG(kLogError, u"set_config", u"Unable to read setting %s; the value given stands", name);
+        return false;
+    }
+    if (read != ZorvDAL::SettingRead::Found || text.empty()) return false;
     const std::string narrow = Utf16ToUtf8(text);
     char* end = nullptr;
     const bool negative = narrow[0] == '-';
@@ -71,8 +76,9 @@ bool ReadSettingValue(const std::u16string& name, uint64_t& value) {
     return true;
 }
 
+// All ones ("not known") goes back as the "-1" the scripts seed.
 void WriteSettingValue(const std::u16string& name, uint64_t value) {
-    ZorvDAL::Instance().SetAppControlState(name, Format(u"%llu", value));
+    ZorvDAL::Instance().SetAppControlStateValue(name, value);
 }
 
 uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
@@ -111,7 +117,16 @@ uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
 
     if ((flags & AC_CONFIG_LOCKDOWN) != 0) {
         std::u16string storedVersion;
-        if (!ZorvDAL::Instance().GetAppControlState(u"agentVersion", storedVersion)) storedVersion.clear();
+        const ZorvDAL::SettingRead read = ZorvDAL::Instance().ReadAppControlState(u"agentVersion", storedVersion);
+        if (read == ZorvDAL::SettingRead::Failed) {
+            // Taken as unchanged: an unreadable version is no upgrade, and
+            // "waiting for manifest" would let every block through.
+            ZORV_LOG(kLogError, kFn, u"Unable to read the stored agent version; taken as %s, unchanged",
+                     config.AgentVersion());
+            storedVersion = config.AgentVersion();
+        } else if (read == ZorvDAL::SettingRead::Absent) {
+            storedVersion.clear();
+        }
         if (storedVersion != config.AgentVersion()) {
             ZORV_LOG(kLogTrace, kFn,
                      u"Upgrade detected old version %s new version %s waiting for manifest to be applied",
