@@ -66,6 +66,31 @@ size_t Children(const cJSON* document, const char* key) {
     return n;
 }
 
+// UTF-16 units of a text the document holds (cJSON hands out valid UTF-8).
+size_t Units(const cJSON* object, const char* key) {
+    const cJSON* value = cJSON_GetObjectItemCaseSensitive(object, key);
+    if (!cJSON_IsString(value) || value->valuestring == nullptr) return 0;
+    size_t units = 0;
+    for (const char* p = value->valuestring; *p != '\0'; ++p) {
+        const auto b = static_cast<unsigned char>(*p);
+        if ((b & 0xC0) != 0x80) units += b >= 0xF0 ? 2 : 1;
+    }
+    return units;
+}
+
+// Trust rules whose process-name or path pattern is longer than the limit are skipped.
+constexpr size_t kMaxPatternUnits = 260;
+size_t StoredTrustRules(const cJSON* document) {
+    const cJSON* value = cJSON_GetObjectItemCaseSensitive(document, "Trustrules");
+    size_t n = 0;
+    for (const cJSON* child = value != nullptr ? value->child : nullptr; child != nullptr; child = child->next) {
+        const bool fits = !cJSON_IsObject(child) ||
+                          (Units(child, "processName") <= kMaxPatternUnits && Units(child, "paths") <= kMaxPatternUnits);
+        n += fits ? 1 : 0;
+    }
+    return n;
+}
+
 Counts Predict(Counts before, Kind kind, bool append, const cJSON* document) {
     Counts after = std::move(before);
     switch (kind) {
@@ -76,7 +101,7 @@ Counts Predict(Counts before, Kind kind, bool append, const cJSON* document) {
         break;
     case Kind::Trust:
         if (!append) after.trustRules = 0;
-        after.trustRules += Children(document, "Trustrules");
+        after.trustRules += StoredTrustRules(document);
         break;
     case Kind::Item:
         if (!append) after.items.erase(2);
