@@ -193,9 +193,11 @@ std::string_view ParseErrorText() {
 }
 
 // Parses a ruleset; null (and logged) when it does not parse or is not an
-// object. Inside the object every value is taken as it comes.
+// object. Inside the object every value is taken as it comes. Text after the
+// object is refused too: cJSON_Parse would stop at the closing brace and call
+// "{...} and more" a ruleset, so a truncated or doubled document could pass.
 JsonPtr ParseRuleset(const char* text) {
-    JsonPtr document(cJSON_Parse(text));
+    JsonPtr document(cJSON_ParseWithOpts(text, nullptr, /*require_null_terminated=*/1));
     if (!document) {
         ZORV_LOG(kLogError, kImportFn, u"Ruleset parse error");
         const std::string_view where = ParseErrorText();

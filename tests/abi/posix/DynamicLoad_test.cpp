@@ -1,5 +1,6 @@
 // An agent loads the library at run time and resolves what it needs by name;
 // the cJSON API must come from the same library, and nothing else may leak.
+#include <cjson/cJSON.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -70,12 +71,14 @@ TEST(DynamicLoad, ResolvesEveryExportAndCallsThem) {
 TEST(DynamicLoad, TheCJsonApiForwardsToTheDependency) {
     Library library;
     ASSERT_NE(library.handle, nullptr) << dlerror();
-    using Parse = void* (*)(const char*);
-    using GetItem = void* (*)(const void*, const char*);
-    using GetNumber = double (*)(const void*);
-    using Print = char* (*)(const void*);
-    using Delete = void (*)(void*);
-    using Free = void (*)(void*);
+    // The exact types: a call through a pointer of another function type is
+    // undefined, and UBSan's function check reports it.
+    using Parse = decltype(&cJSON_Parse);
+    using GetItem = decltype(&cJSON_GetObjectItem);
+    using GetNumber = decltype(&cJSON_GetNumberValue);
+    using Print = decltype(&cJSON_PrintUnformatted);
+    using Delete = decltype(&cJSON_Delete);
+    using Free = decltype(&cJSON_free);
     auto parse = reinterpret_cast<Parse>(dlsym(library.handle, "cJSON_Parse"));
     auto getItem = reinterpret_cast<GetItem>(dlsym(library.handle, "cJSON_GetObjectItem"));
     auto getNumber = reinterpret_cast<GetNumber>(dlsym(library.handle, "cJSON_GetNumberValue"));
@@ -84,7 +87,7 @@ TEST(DynamicLoad, TheCJsonApiForwardsToTheDependency) {
     auto release = reinterpret_cast<Free>(dlsym(library.handle, "cJSON_free"));
     ASSERT_TRUE(parse && getItem && getNumber && print && destroy && release);
 
-    void* root = parse("{\"size\": 42, \"name\": \"a\"}");
+    cJSON* root = parse("{\"size\": 42, \"name\": \"a\"}");
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(getNumber(getItem(root, "size")), 42.0);
     char* text = print(root);
