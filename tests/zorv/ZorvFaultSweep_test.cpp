@@ -92,7 +92,7 @@ constexpr FaultKind kKinds[] = {
 
 size_t g_faultPoints = 0;
 
-class StoreFaults : public ::testing::Test {
+class FaultSweep : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { FaultVfs::Install(); }
     static void TearDownTestSuite() {
@@ -243,25 +243,25 @@ protected:
     uint32_t m_level = 0;
 };
 
-TEST_F(StoreFaults, ReplacingImportLargerThanThePageCacheIsWholeOrAbsent) {
+TEST_F(FaultSweep, ReplacingImportLargerThanThePageCacheIsWholeOrAbsent) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 1000), u"old")); });
     // The old ruleset's first file is known before and unknown after.
     SweepImport(0, ItemRules(100000, 2000), u"new", 1, true);
 }
 
-TEST_F(StoreFaults, AppendingImportIsWholeOrAbsent) {
+TEST_F(FaultSweep, AppendingImportIsWholeOrAbsent) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 300), u"old")); });
     SweepImport(1, ItemRules(100000, 300), u"added", 100000, false);
 }
 
-TEST_F(StoreFaults, TrustAndUserListImportIsWholeOrAbsent) {
+TEST_F(FaultSweep, TrustAndUserListImportIsWholeOrAbsent) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 50), u"old")); });
     SweepImport(0, TrustRuleset(400), u"base_trustrules", 1, false);
 }
 
 // Every buffered row that was acknowledged is stored exactly once, by the
 // flush that failed or by the next one.
-TEST_F(StoreFaults, BufferedFlushKeepsEveryAcknowledgedRow) {
+TEST_F(FaultSweep, BufferedFlushKeepsEveryAcknowledgedRow) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 50), u"old")); });
     std::set<std::string> acknowledged;
     const auto act = [&](ZorvDAL& dal) {
@@ -305,7 +305,7 @@ TEST_F(StoreFaults, BufferedFlushKeepsEveryAcknowledgedRow) {
 
 // Killed or failed at any point of a migration step, the file is one whole
 // version the scripts describe, and the next open finishes the job.
-TEST_F(StoreFaults, MigrationStepsAreWholeAtEveryFault) {
+TEST_F(FaultSweep, MigrationStepsAreWholeAtEveryFault) {
     const auto& scripts = ZorvDAL::SchemaScripts();
     // The schema each version has, built by the scripts themselves.
     std::vector<Lines> reference(17);
