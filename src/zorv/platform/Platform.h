@@ -87,7 +87,9 @@ private:
 };
 
 // An unbuffered append-only file that other programs may open, read and write
-// at the same time (the log file). Each Write lands as one append.
+// at the same time (the log file). Each Write lands as one append. Open
+// creates the file when missing, and refuses a link (reparse point) in the
+// last component or anything but a regular file, without blocking on a FIFO.
 class AppendFile {
 public:
     AppendFile();
@@ -98,6 +100,9 @@ public:
     bool Open(std::u16string_view path);
     bool IsOpen() const;
     bool Write(const void* data, size_t count);
+    // The size when opened; 0 when not open.
+    uint64_t Size() const;
+    void Close();
 
 private:
     struct Native;
