@@ -72,7 +72,7 @@ private:
     void Rotate() {
         m_file.Close();
         uint32_t error = 0;
-        platform::ReplaceFile(m_path, m_path + u".1", error);
+        platform::RenameOver(m_path, m_path + u".1", error);
         // A name taken over meanwhile (a link, a folder) is not written
         // through: the file log stays silent until the next start.
         m_size = m_file.Open(m_path) ? m_file.Size() : 0;

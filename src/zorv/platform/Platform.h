@@ -64,7 +64,7 @@ private:
 // Writes a new file, shared so that other programs may read it meanwhile.
 // Open creates the file and fails when anything already has the name (a
 // file, a link, a FIFO): it never writes through a link or into an existing
-// file, which is what makes write-beside-then-ReplaceFile safe in a folder
+// file, which is what makes write-beside-then-RenameOver safe in a folder
 // others can write to.
 class FileWriter {
 public:
@@ -122,7 +122,7 @@ bool RemoveFile(std::u16string_view path);
 
 // Gives `from` the name `to` in one step, replacing what had it (a link is
 // replaced itself, never written through). `error` holds the Windows error.
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error);
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error);
 
 // Local calendar time of a moment given in seconds since 1970-01-01 UTC.
 bool LocalTime(int64_t secondsSince1970, std::tm& out);

@@ -334,7 +334,7 @@ EntryKind KindOfEntry(std::u16string_view path) {
 
 bool RemoveFile(std::u16string_view path) { return ::unlink(NativePath(path).c_str()) == 0; }
 
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error) {
     error = 0;
     if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
     error = PosixError(errno);

@@ -374,7 +374,7 @@ EntryKind KindOfEntry(std::u16string_view path) {
 
 bool RemoveFile(std::u16string_view path) { return ::DeleteFileW(NativePath(path).c_str()) != FALSE; }
 
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error) {
     error = 0;
     if (::MoveFileExW(NativePath(from).c_str(), NativePath(to).c_str(), MOVEFILE_REPLACE_EXISTING)) return true;
     error = WindowsError();
