@@ -920,7 +920,7 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         if (payload.Error() != 0) result = false;
         payload.Close();
         uint32_t error = 0;
-        if (result && !platform::ReplaceFile(partialPath, payloadPath, error)) {
+        if (result && !platform::RenameOver(partialPath, payloadPath, error)) {
             ZORV_LOG(kLogError, kFn, u"Unable to move the page to payload %s, error %u", payloadPath, error);
             result = false;
         }
