@@ -33,6 +33,9 @@ struct FileRead {
 bool ReadAndDigest(const std::filesystem::path& file, Digester& digester, std::vector<uint8_t>& buffer,
                    FileRead& out, std::string& error);
 
+// The first bytes of `file` (up to 4), for telling executables by their magic.
+bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length, std::string& error);
+
 // The device a path lives on, for --one-file-system; 0 where not known.
 uint64_t DeviceOf(const std::filesystem::path& path);
 

@@ -68,6 +68,22 @@ bool ReadAndDigest(const std::filesystem::path& file, Digester& digester, std::v
     return ok;
 }
 
+bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length, std::string& error) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        error = std::strerror(errno);
+        return false;
+    }
+    ssize_t got;
+    do {
+        got = ::pread(fd, head, 4, 0);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) error = std::strerror(errno);
+    ::close(fd);
+    length = got < 0 ? 0 : static_cast<size_t>(got);
+    return got >= 0;
+}
+
 uint64_t DeviceOf(const std::filesystem::path& path) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0) return 0;

@@ -70,6 +70,21 @@ bool ReadAndDigest(const std::filesystem::path& file, Digester& digester, std::v
     return ok;
 }
 
+bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length, std::string& error) {
+    HANDLE handle = CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) {
+        error = WindowsError(GetLastError());
+        return false;
+    }
+    DWORD got = 0;
+    const bool ok = ReadFile(handle, head, 4, &got, nullptr) != 0;
+    if (!ok) error = WindowsError(GetLastError());
+    CloseHandle(handle);
+    length = ok ? got : 0;
+    return ok;
+}
+
 // Folders cannot be told apart by volume here without opening them; a scan
 // on Windows crosses mount points as the walk finds them.
 uint64_t DeviceOf(const std::filesystem::path&) { return 0; }

@@ -81,6 +81,21 @@ std::string ZToUtf8(const ZorvChar* text) {
     return ZToUtf8(text, length);
 }
 
+std::optional<ZString> PathToZ(const std::filesystem::path& path) {
+    using Native = std::filesystem::path::value_type;
+    if constexpr (sizeof(Native) == sizeof(ZorvChar)) {
+        const auto& native = path.native();
+        return ZString(native.begin(), native.end());
+    } else {
+        return Utf8ToZ(path.string());
+    }
+}
+
+std::string PathToUtf8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 std::string ToHex(const uint8_t* bytes, size_t length) {
     static const char kDigits[] = "0123456789abcdef";
     std::string out(length * 2, '0');

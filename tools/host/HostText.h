@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,12 @@ std::optional<ZString> Utf8ToZ(std::string_view utf8);
 // Unpaired surrogates become U+FFFD: engine text is shown, never refused.
 std::string ZToUtf8(const ZorvChar* text, size_t length);
 std::string ZToUtf8(const ZorvChar* text);  // NUL-terminated, null gives ""
+
+// A path as the engine's text: the native wide form on Windows, strict UTF-8
+// on POSIX (nullopt for a name that is not UTF-8).
+std::optional<ZString> PathToZ(const std::filesystem::path& path);
+// A path for people and JSON: UTF-8.
+std::string PathToUtf8(const std::filesystem::path& path);
 
 std::string ToHex(const uint8_t* bytes, size_t length);
 // Exactly 2*length hex digits of either case, else false.

@@ -49,7 +49,7 @@ std::string ScalarText(const cJSON* item) {
 const char* SectionTitle(std::string_view key) {
     if (key == "dbinfo") return "Database";
     if (key == "AllowCache") return "Allow cache";
-    if (key == "rulesets") return "Rulesets (rule elements read by the last import)";
+    if (key == "rulesets") return "Rule elements read by the last import of each ruleset";
     if (key == "TrustRuleHitCounts") return "Trust-rule hits";
     if (key == "trustrules_stats") return "Trust rules with hits";
     if (key == "InventoryUnknownExtensons") return "Unknown extensions in inventory items";
