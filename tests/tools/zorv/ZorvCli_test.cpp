@@ -122,6 +122,7 @@ TEST_F(ZorvCli, UsageErrorsExitWithTwo) {
         {"export", "--format", "xml"},
         {"export", "--source", "nonsense"},
         {"replay", kExamples + "/events.jsonl", "--name", "x"},
+        {"replay", kExamples + "/events.jsonl", "--maintenance", "soon"},
     };
     for (const auto& args : cases) {
         const Outcome outcome = Zorv(args);
