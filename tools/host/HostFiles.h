@@ -39,6 +39,10 @@ bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length
 // The device a path lives on, for --one-file-system; 0 where not known.
 uint64_t DeviceOf(const std::filesystem::path& path);
 
+// Standard output without newline translation: formats such as Prometheus
+// text want LF line ends, which Windows' text mode would turn into CR LF.
+void SetBinaryStdout();
+
 // Whether standard output / standard error is a terminal.
 bool IsTerminal(int fd);
 

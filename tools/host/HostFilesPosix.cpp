@@ -90,6 +90,8 @@ uint64_t DeviceOf(const std::filesystem::path& path) {
     return static_cast<uint64_t>(info.st_dev);
 }
 
+void SetBinaryStdout() {}
+
 bool IsTerminal(int fd) { return ::isatty(fd) != 0; }
 
 }  // namespace zorv::host

@@ -1,5 +1,8 @@
 #include <windows.h>
+#include <fcntl.h>
 #include <io.h>
+
+#include <cstdio>
 
 #include <algorithm>
 #include <cstring>
@@ -88,6 +91,11 @@ bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length
 // Folders cannot be told apart by volume here without opening them; a scan
 // on Windows crosses mount points as the walk finds them.
 uint64_t DeviceOf(const std::filesystem::path&) { return 0; }
+
+void SetBinaryStdout() {
+    std::fflush(stdout);
+    _setmode(_fileno(stdout), _O_BINARY);
+}
 
 bool IsTerminal(int fd) { return _isatty(fd) != 0; }
 

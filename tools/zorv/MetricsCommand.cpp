@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "HostFiles.h"
 #include "MetricsRender.h"
 
 namespace zorv::cli {
@@ -40,7 +41,8 @@ CommandRun DefineMetrics(CLI::App& command, const CommonOptions& common) {
             PrintError("metrics document", error);
             return int(kExitError);
         }
-        std::cout << text;
+        if (options->prometheus) host::SetBinaryStdout();
+        std::cout << text << std::flush;
         return int(kExitOk);
     };
 }

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -49,7 +50,7 @@ struct Parsed {
 // Batches go back to the reader once decided and are filled again in place,
 // so the records' texts keep their storage from one use to the next.
 struct Batch {
-    std::vector<Parsed> items;
+    std::vector<std::unique_ptr<Parsed>> items;
     size_t used = 0;
 };
 
@@ -139,7 +140,7 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
     std::string lines;
     while (queue.Pop(batch)) {
         for (size_t i = 0; i < batch.used; ++i) {
-            Parsed& parsed = batch.items[i];
+            Parsed& parsed = *batch.items[i];
             const AppCtlEvent& event = parsed.record.Raw();
             AppCtlResult answer{};
             const auto start = std::chrono::steady_clock::now();
@@ -184,13 +185,13 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
     const auto started = std::chrono::steady_clock::now();
     std::string line, error;
     uint64_t number = 0;
-    Parsed scratch;
+    auto scratch = std::make_unique<Parsed>();
     while (std::getline(in, line)) {
         ++number;
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.find_first_not_of(" \t") == std::string::npos) continue;
-        scratch.line = number;
-        if (!host::ParseEventLine(line, scratch.record, error)) {
+        scratch->line = number;
+        if (!host::ParseEventLine(line, scratch->record, error)) {
             ++run.badLines;
             PrintError(shown + ":" + std::to_string(number), error);
             if (strict) {
@@ -200,8 +201,8 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
             continue;
         }
         ++run.events;
-        Batch& batch = pending[static_cast<unsigned>(scratch.record.Pid() % threads)];
-        if (batch.used == batch.items.size()) batch.items.emplace_back();
+        Batch& batch = pending[static_cast<unsigned>(scratch->record.Pid() % threads)];
+        if (batch.used == batch.items.size()) batch.items.push_back(std::make_unique<Parsed>());
         // A swap hands the parsed record over and takes the slot's storage
         // back for the next line.
         std::swap(batch.items[batch.used++], scratch);

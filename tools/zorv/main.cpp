@@ -10,6 +10,9 @@ int main(int argc, char** argv) {
     CLI::App app("zorv: build, inspect and try out a Zorv rule store", "zorv");
     app.set_version_flag("--version", "zorv 12.0.193");
     app.require_subcommand(1, 1);
+    // CLI11 reads /x as an option on Windows by default; a POSIX-style path
+    // such as /usr/bin/ls must stay an argument everywhere.
+    app.allow_windows_style_options(false);
     app.footer(
         "Exit status:\n"
         "  0  success\n"
