@@ -28,6 +28,7 @@
 #include <systemd/sd-daemon.h>
 
 #include "ControlProtocol.h"
+#include "HostText.h"
 #include "Log.h"
 #include "zorv/zorv.h"
 
@@ -431,8 +432,8 @@ void Daemon::ImportManifest() {
         return;
     }
     close(fd);
-    const std::string manifest = "{\"rules\":[{\"fileName\":\"zorvd\",\"sha256\":\"" + Hex(digests.sha256, 32) +
-                                 "\",\"sha1\":\"" + Hex(digests.sha1, 20) + "\",\"md5\":\"" + Hex(digests.md5, 16) +
+    const std::string manifest = "{\"rules\":[{\"fileName\":\"zorvd\",\"sha256\":\"" + zorv::host::ToHex(digests.sha256, 32) +
+                                 "\",\"sha1\":\"" + zorv::host::ToHex(digests.sha1, 20) + "\",\"md5\":\"" + zorv::host::ToHex(digests.md5, 16) +
                                  "\",\"size\":" + std::to_string(status.st_size) + ",\"action\":\"allow\"}]}";
     const uint32_t manifestStatus = set_ruleset_buffer(1, Widen(manifest).c_str(), u"zorvd-agent");
     Log(manifestStatus == AC_OK ? Level::Info : Level::Error, "manifest for this engine version applied: status 0x%08x",
@@ -837,7 +838,7 @@ void Daemon::Decide(Job& job) {
     if (answered && !allow) {
         const char* what = job.kind == JobKind::Exec ? "exec" : job.kind == JobKind::Library ? "library" : "script";
         Log(Level::Warning, "deny %s %s sha256=%s process=%s pid=%d user=%s reason=%s", what, target.c_str(),
-            Hex(digests.sha256, 32).c_str(), program.c_str(), event.pid, identity.user.c_str(),
+            zorv::host::ToHex(digests.sha256, 32).c_str(), program.c_str(), event.pid, identity.user.c_str(),
             status2 == AC_BLOCKED ? ReasonText(result) : "engine error");
     }
 }
@@ -1167,7 +1168,7 @@ std::string Daemon::PsJson() {
         app_ctl(nullptr, &record, &result);
         if (result.dbVerdict == AC_DB_ALLOWED) continue;
         out << (first ? "" : ",") << "{\"pid\":" << pid << ",\"program\":" << JsonEscape(program) << ",\"sha256\":\""
-            << Hex(digests.sha256, 32) << "\",\"user\":" << JsonEscape(identity.user) << ",\"verdict\":\""
+            << zorv::host::ToHex(digests.sha256, 32) << "\",\"user\":" << JsonEscape(identity.user) << ",\"verdict\":\""
             << (result.dbVerdict == AC_DB_BLOCKED ? "blocked" : "unknown") << "\"}";
         first = false;
     }

@@ -1,5 +1,7 @@
 #include "Log.h"
 
+#include "HostText.h"
+
 #include <syslog.h>
 
 #include <atomic>
@@ -112,45 +114,15 @@ std::u16string Widen(const std::string& text) {
     return out;
 }
 
-std::string Narrow(const char16_t* text, size_t length) {
-    std::string out;
-    out.reserve(length);
-    for (size_t i = 0; i < length; ++i) {
-        uint32_t code = text[i];
-        if (code >= 0xD800 && code < 0xDC00 && i + 1 < length && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
-            code = 0x10000 + ((code - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-            ++i;
-        }
-        if (code < 0x80) {
-            out.push_back(static_cast<char>(code));
-        } else if (code < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (code >> 6)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        } else if (code < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (code >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (code >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
-        }
-    }
-    return out;
-}
-
 void EngineLogLine(uint32_t level, uint32_t /*line*/, const ZorvChar* function, const ZorvChar* /*sourcePath*/,
                    const ZorvChar* message, uint32_t length) {
-    const std::string text = Narrow(message, length);
+    const std::string text = zorv::host::ZToUtf8(message, length);
     if (text.find("waiting for manifest to be applied") != std::string::npos) g_manifestWanted = true;
-    size_t functionLength = 0;
-    while (function != nullptr && function[functionLength] != 0) ++functionLength;
     const Level mapped = (level & AC_LOG_ERROR) != 0     ? Level::Error
                          : (level & AC_LOG_WARNING) != 0 ? Level::Warning
                          : (level & AC_LOG_INFO) != 0    ? Level::Info
                                                          : Level::Debug;
-    Emit(mapped, "engine " + Narrow(function, functionLength) + ": " + text);
+    Emit(mapped, "engine " + zorv::host::ZToUtf8(function) + ": " + text);
 }
 
 uint32_t EngineLogMask(const std::string& level) {

@@ -21,7 +21,8 @@ uint32_t EngineLogMask(const std::string& level);
 // upgraded store under lockdown).
 bool TakeManifestWanted();
 
+// Lenient, unlike the host library's strict conversion: a path that is not
+// UTF-8 is still judged (by its digests), its bad bytes shown as U+FFFD.
 std::u16string Widen(const std::string& text);
-std::string Narrow(const char16_t* text, size_t length);
 
 }  // namespace zorvd
