@@ -185,16 +185,11 @@ protected:
                      "\",\"md5\":\"" + Digest(file, EVP_md5()) + "\",\"size\":" + std::to_string(fs::file_size(file)) +
                      ",\"action\":\"allow\"}";
         }
-        cJSON* request = cJSON_CreateObject();
-        cJSON_AddStringToObject(request, "command", "import");
-        cJSON_AddStringToObject(request, "name", "test-items");
-        cJSON_AddTrueToObject(request, "append");
-        cJSON_AddStringToObject(request, "ruleset", ("{\"rules\":[" + rules + "]}").c_str());
-        char* text = cJSON_PrintUnformatted(request);
-        const std::string reply = Request(text);
-        cJSON_free(text);
-        cJSON_Delete(request);
-        ASSERT_NE(reply.find("\"ok\":true"), std::string::npos) << reply;
+        const fs::path ruleset = m_root / "items.json";
+        std::ofstream(ruleset) << "{\"rules\":[" << rules << "]}";
+        ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "import", ruleset.string(), "--name", "test-items",
+                              "--append"}),
+                  0);
     }
 
     fs::path Copy(const fs::path& from, const std::string& name) {
@@ -222,7 +217,7 @@ TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
     EXPECT_EQ(RunProgram({unknown}), 126);
     EXPECT_NE(LogText().find("deny exec " + unknown.string()), std::string::npos);
 
-    ASSERT_EQ(Request("{\"command\":\"mode\",\"mode\":\"log-only\"}").find("\"ok\":true") != std::string::npos, true);
+    ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "mode", "log-only"}), 0);
     EXPECT_EQ(RunProgram({unknown}), 0);
     const std::string metrics = Request("{\"command\":\"metrics\"}");
     EXPECT_NE(metrics.find("\"RunAllowedLogOnly\":1"), std::string::npos) << metrics;

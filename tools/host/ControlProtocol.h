@@ -1,4 +1,4 @@
-// The control socket of zorvd: a Unix stream socket (default
+// The control socket of zorvd (ControlClient.h is the client side): a Unix stream socket (default
 // /run/zorv/zorvd.sock, mode 0600) that answers only peers whose credentials
 // (SO_PEERCRED) say uid 0. One request per connection: a single JSON object on
 // one line, answered by a single JSON object on one line, then the daemon
