@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/fanotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -50,6 +51,9 @@
 #endif
 #ifndef FAN_ENABLE_AUDIT
 #define FAN_ENABLE_AUDIT 0x00000040
+#endif
+#ifndef FAN_MARK_EVICTABLE
+#define FAN_MARK_EVICTABLE 0x00000200
 #endif
 #ifndef FAN_AUDIT
 #define FAN_AUDIT 0x10
@@ -611,7 +615,16 @@ std::string Daemon::ProgramOf(pid_t pid) {
     return {};
 }
 
+// Processes wait in the kernel while an event is with us: the threads that
+// answer run ahead of ordinary work so a busy machine does not stretch every
+// open and exec by a scheduler's time slice.
+static void RaisePriority() {
+    if (setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), -10) != 0)
+        Log(Level::Debug, "thread priority unchanged: %s", std::strerror(errno));
+}
+
 void Daemon::ReaderLoop() {
+    RaisePriority();
     alignas(struct fanotify_event_metadata) char buffer[64 * 1024];
     const pid_t self = getpid();
     while (!m_stopping) {
@@ -694,7 +707,8 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         job.kind = JobKind::Exec;
     } else {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
-        FileKind kind = Classify(event->fd, status);
+        const FileKind classified = Classify(event->fd, status);
+        FileKind kind = classified;
         if (kind != FileKind::Plain && OpenIsNoRun(event->pid)) kind = FileKind::Plain;
         if (kind == FileKind::Elf && m_config.libraries) {
             m_counters.library.fetch_add(1, std::memory_order_relaxed);
@@ -704,6 +718,12 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
             job.kind = JobKind::Script;
         } else {
             m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
+            // A plain file's later opens need not reach us at all until it is
+            // written (which clears the ignore mask). The mark is evictable:
+            // it never pins the inode in memory.
+            if (kind == FileKind::Plain && classified == FileKind::Plain)
+                fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_EVICTABLE, FAN_OPEN_PERM,
+                              event->fd, nullptr);
             Respond(*event, true, false);
             return;
         }
@@ -776,6 +796,7 @@ bool Daemon::DigestsOf(int fd, const FileId& id, const struct stat& status, Dige
 // ---- Deciding --------------------------------------------------------------
 
 void Daemon::WorkerLoop() {
+    RaisePriority();
     Job job;
     while (m_jobs.Pop(job, m_stopping)) {
         Decide(job);
@@ -844,6 +865,7 @@ void Daemon::Decide(Job& job) {
 }
 
 void Daemon::WriteLoop() {
+    RaisePriority();
     Job job;
     while (m_writes.Pop(job, m_stopping)) {
         JudgeWrite(job);
@@ -940,6 +962,13 @@ void Daemon::NotifyLoop() {
             record.dirty = 1;
             Digests digests{};
             if (rename) {
+                // A new name may make a plain file a script (by its extension).
+                {
+                    std::shared_lock<std::shared_mutex> open(m_groupMutex);
+                    if (m_permissionFd >= 0)
+                        fanotify_mark(m_permissionFd, FAN_MARK_REMOVE | FAN_MARK_IGNORED_MASK, FAN_OPEN_PERM,
+                                      AT_FDCWD, name.c_str());
+                }
                 // The renamed file is read by name, off the answering thread:
                 // the open this raises carries the daemon's pid and is allowed at once.
                 const int fd = open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
