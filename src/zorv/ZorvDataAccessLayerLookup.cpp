@@ -14,6 +14,7 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvWildcard.h"
 
 namespace zorv {
 
@@ -22,137 +23,6 @@ namespace {
 using dal::TracedLock;
 
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
-
-// ---- Wildcard patterns ----
-
-bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
-
-// One element of a compiled pattern. A "**" followed by a separator becomes
-// two: the position at a level boundary, where the element may end, and the
-// position inside a level, where it may not, so that only whole levels match.
-enum class PatternElement : uint8_t {
-    Literal,   // the unit itself
-    AnyOne,    // '?': one unit that is not a separator
-    AnyRun,    // '*': any run of units that are not separators
-    AnyLevels, // "**\" or "**/": empty, or any run ending in a separator
-    LevelsMid  // inside a level of the AnyLevels element just before it
-};
-
-struct CompiledPattern {
-    std::vector<PatternElement> kinds;
-    std::vector<char16_t> units;  // the literal for Literal elements
-};
-
-CompiledPattern Compile(std::u16string_view pattern) {
-    CompiledPattern compiled;
-    compiled.kinds.reserve(pattern.size());
-    compiled.units.reserve(pattern.size());
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        const char16_t unit = pattern[i];
-        PatternElement kind = PatternElement::Literal;
-        if (unit == u'?') {
-            kind = PatternElement::AnyOne;
-        } else if (unit == u'*') {
-            if (i + 2 < pattern.size() && pattern[i + 1] == u'*' && IsSeparator(pattern[i + 2])) {
-                kind = PatternElement::AnyLevels;
-                i += 2;
-            } else {
-                kind = PatternElement::AnyRun;
-            }
-        }
-        // Adjacent runs of '*' accept the same texts as one; folding them keeps
-        // the state set small for patterns like "a***b".
-        if (kind == PatternElement::AnyRun && !compiled.kinds.empty() &&
-            compiled.kinds.back() == PatternElement::AnyRun) {
-            continue;
-        }
-        compiled.kinds.push_back(kind);
-        compiled.units.push_back(unit);
-        if (kind == PatternElement::AnyLevels) {
-            compiled.kinds.push_back(PatternElement::LevelsMid);
-            compiled.units.push_back(unit);
-        }
-    }
-    return compiled;
-}
-
-// A set of pattern positions, one bit each.
-class StateSet {
-public:
-    explicit StateSet(size_t count) : m_words((count + 63) / 64, 0) {}
-    bool Test(size_t i) const { return (m_words[i / 64] >> (i % 64)) & 1u; }
-    void Set(size_t i) { m_words[i / 64] |= uint64_t{1} << (i % 64); }
-    void Clear() { std::fill(m_words.begin(), m_words.end(), 0); }
-    bool Empty() const {
-        for (uint64_t word : m_words) {
-            if (word != 0) return false;
-        }
-        return true;
-    }
-    // Index of the first set bit at or after `from`, or `limit` when none.
-    size_t Next(size_t from, size_t limit) const {
-        while (from < limit) {
-            const uint64_t word = m_words[from / 64] >> (from % 64);
-            if (word != 0) return from + static_cast<size_t>(std::countr_zero(word));
-            from = (from / 64 + 1) * 64;
-        }
-        return limit;
-    }
-    void Swap(StateSet& other) { m_words.swap(other.m_words); }
-
-private:
-    std::vector<uint64_t> m_words;
-};
-
-// The elements that may match nothing let the position after them be reached
-// too. Positions only move forward, so one ascending pass closes the set.
-void CloseOverEmptyRuns(const CompiledPattern& pattern, StateSet& states) {
-    const size_t count = pattern.kinds.size();
-    for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
-        const PatternElement kind = pattern.kinds[i];
-        if (kind == PatternElement::AnyRun) states.Set(i + 1);
-        // At a level boundary the levels may end: skip the inside position too.
-        if (kind == PatternElement::AnyLevels) states.Set(i + 2);
-    }
-}
-
-// Simulates the pattern as an automaton over the text: each text unit moves
-// every reachable position at once. Cost is at most text length times pattern
-// length, whatever the pattern, and nothing recurses.
-bool MatchCompiled(std::u16string_view text, const CompiledPattern& pattern) {
-    const size_t count = pattern.kinds.size();
-    StateSet current(count + 1);
-    StateSet next(count + 1);
-    current.Set(0);
-    CloseOverEmptyRuns(pattern, current);
-    for (const char16_t unit : text) {
-        next.Clear();
-        const bool separator = IsSeparator(unit);
-        for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
-            switch (pattern.kinds[i]) {
-                case PatternElement::Literal:
-                    if (pattern.units[i] == unit) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyOne:
-                    if (!separator) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyRun:
-                    if (!separator) next.Set(i);
-                    break;
-                case PatternElement::AnyLevels:
-                    next.Set(separator ? i : i + 1);
-                    break;
-                case PatternElement::LevelsMid:
-                    next.Set(separator ? i - 1 : i);
-                    break;
-            }
-        }
-        if (next.Empty()) return false;
-        CloseOverEmptyRuns(pattern, next);
-        current.Swap(next);
-    }
-    return current.Test(count);
-}
 
 // ---- Database helpers ----
 
@@ -274,21 +144,15 @@ bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
 }  // namespace
 
 bool ZorvDAL::WildcardMatch(std::u16string_view text, std::u16string_view pattern) {
-    if (text == pattern) return true;
-    // Without wildcards only equality can match; the separator rewriting below
-    // must not turn a plain directory name into a pattern.
-    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return false;
-
-    std::u16string rewritten(pattern);
-    // "dir\**" means everything below dir, and "dir\" the files directly in it.
-    if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
-    if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
-    return MatchCompiled(text, Compile(rewritten));
+    return WildcardPattern::CompileOne(pattern).Match(text);
 }
 
 bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string patterns) {
     ToLowerInPlace(text);
     ToLowerInPlace(patterns);
+    if (!WildcardPattern::CompileList(patterns).Match(text)) return false;
+    // The whole list is matched in one pass; naming the pattern that matched
+    // takes a second look, paid only once a rule has matched.
     size_t start = 0;
     while (start <= patterns.size()) {
         size_t end = patterns.find(u';', start);
@@ -297,11 +161,53 @@ bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string pat
         if (!pattern.empty() && WildcardMatch(text, pattern)) {
             ZORV_LOG(kLogTrace, u"ZorvDAL::MatchEventPathWithRulePath",
                      u"Match found between event path [%s] and rule path [%s]", text, pattern);
-            return true;
+            break;
         }
         start = end + 1;
     }
-    return false;
+    return true;
+}
+
+// ---- Store health ----
+
+namespace {
+
+// SQLite's word that the file itself is bad, as opposed to busy or short of
+// a resource for the moment.
+bool IsDamage(int rc) {
+    const int primary = rc & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+// A step that neither found a row nor finished did not look.
+bool StepFailed(int rc) { return rc != SQLITE_ROW && rc != SQLITE_DONE; }
+
+}  // namespace
+
+void ZorvDAL::ResetStoreHealth() {
+    m_storeDamaged.store(false, std::memory_order_relaxed);
+    m_storeHealthy.store(true, std::memory_order_relaxed);
+}
+
+void ZorvDAL::NoteStoreAnswered() {
+    if (m_storeHealthy.load(std::memory_order_relaxed) || m_storeDamaged.load(std::memory_order_relaxed)) return;
+    if (!m_storeHealthy.exchange(true, std::memory_order_relaxed)) {
+        ZORV_LOG(kLogError, u"ZorvDAL::NoteStoreAnswered",
+                 u"The rule store answers again; execution decisions are made from it");
+    }
+}
+
+void ZorvDAL::NoteStoreFault(const char16_t* function, int rc, const std::u16string& reason) {
+    if (IsDamage(rc)) m_storeDamaged.store(true, std::memory_order_relaxed);
+    // Once per change of health, not once per event: a damaged store would
+    // otherwise write a line for every process start on the machine.
+    if (m_storeHealthy.exchange(false, std::memory_order_relaxed)) {
+        ZORV_LOG(kLogError, function,
+                 u"The rule store cannot answer (%s, rc %d); execution decisions fail until it does%s", reason, rc,
+                 m_storeDamaged.load(std::memory_order_relaxed) ? u", and a damaged file until it is replaced" : u"");
+    } else {
+        ZORV_LOG(kLogTrace, function, u"The rule store cannot answer (%s, rc %d)", reason, rc);
+    }
 }
 
 // ---- Inventory lookup ----
@@ -314,31 +220,40 @@ bool ZorvDAL::IsAllowedInDB(EngineEvent& event) {
 ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBSearch";
     rc = SQLITE_ERROR;
-    if (!m_DB) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+    // Each way the search can fail to look: the verdict stays "not known" and
+    // the event learns that the store, not the event, was at fault.
+    const auto fault = [&](int code, const std::u16string& reason) -> Statement {
         event.dbVerdict = AC_DB_NOT_KNOWN;
+        event.storeFault = 1;
+        rc = code;
+        NoteStoreFault(kFunction, code, reason);
         return {};
-    }
+    };
+    if (!m_DB) return fault(SQLITE_MISUSE, u"m_DB is released");
+    // What SQLite called damaged is not read again until the file is replaced:
+    // an answer from the pages it did not trip over could still be wrong.
+    if (m_storeDamaged.load(std::memory_order_relaxed)) return fault(SQLITE_CORRUPT, u"damaged file");
 
     // 1. Ruleset rows (sources 1 and 2) by SHA-256 and size.
     Statement ruleset = m_pLookupItemAuthRulesetStmt;
-    if (!ruleset) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthRulesetStmt is released");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
-        return {};
-    }
+    if (!ruleset) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthRulesetStmt is released");
     if (!event.fileSha256.IsSet()) {
         ZORV_LOG(kLogError, kFunction, u"SHA256 value is empty, unable to create query");
         return {};
     }
     if (!BindSizeAndHash(ruleset.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
         sqlite3_clear_bindings(ruleset.get());
-        return {};
+        return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query");
     }
     rc = sqlite3_step(ruleset.get());
     if (rc == SQLITE_ROW) return ruleset;
+    if (StepFailed(rc)) {
+        // Falling through to the next query would let a row of a lower rank
+        // answer for a ruleset row the store could not read.
+        ResetStatement(ruleset.get());
+        return fault(rc, u"DAL Error" + GetErrorString());
+    }
     ZORV_LOG(kLogTrace, kFunction,
              u"Did not find sha256 match with source=2 or source=1. Checking for sha1 or md5 match");
     ResetStatement(ruleset.get());
@@ -350,55 +265,45 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     if (sha1Rules != 0 && event.fileSha1.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of sha1 rules is: %d", sha1Rules);
         Statement sha1 = m_pLookupItemAlternateSHA1HashStmt;
-        if (!sha1) {
-            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateSHA1HashStmt is released");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
-            return {};
-        }
+        if (!sha1) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateSHA1HashStmt is released");
         if (!BindDigest(sha1.get(), ":sha1", event.fileSha1)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from sha1");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
             sqlite3_clear_bindings(sha1.get());
-            return {};
+            return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query from sha1");
         }
         rc = sqlite3_step(sha1.get());
         if (rc == SQLITE_ROW) return sha1;
         ResetStatement(sha1.get());
+        if (StepFailed(rc)) return fault(rc, u"DAL Error" + GetErrorString());
     }
     const int64_t md5Rules = m_md5RuleCount;
     if (md5Rules != 0 && event.fileMd5.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of md5 rules is: %d", md5Rules);
         Statement md5 = m_pLookupItemAlternateMD5HashStmt;
-        if (!md5) {
-            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateMD5HashStmt is released");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
-            return {};
-        }
+        if (!md5) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateMD5HashStmt is released");
         if (!BindDigest(md5.get(), ":md5", event.fileMd5)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from md5");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
             sqlite3_clear_bindings(md5.get());
-            return {};
+            return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query from md5");
         }
         rc = sqlite3_step(md5.get());
         if (rc == SQLITE_ROW) return md5;
         lastUsed = md5.get();
+        if (StepFailed(rc)) {
+            ResetStatement(lastUsed);
+            return fault(rc, u"DAL Error" + GetErrorString());
+        }
     }
     ZORV_LOG(kLogTrace, kFunction, u"Did not find item with source=2 or source=1.");
     if (lastUsed != nullptr) ResetStatement(lastUsed);
 
     // 4. Any row by SHA-256 and size.
     Statement any = m_pLookupItemAuthStmt;
-    if (!any) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthStmt is released");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
-        return {};
-    }
+    if (!any) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthStmt is released");
     if (!BindSizeAndHash(any.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
         sqlite3_clear_bindings(any.get());
-        return {};
+        return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query");
     }
     rc = sqlite3_step(any.get());
     return any;
@@ -444,9 +349,13 @@ bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
         rc = sqlite3_step(row);
     }
     if (rc != SQLITE_DONE) {
-        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
+        // What the loop wrote came from a read that did not finish: no verdict.
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        event.storeFault = 1;
+        NoteStoreFault(kFunction, rc, u"DAL Error" + GetErrorString());
         return false;
     }
+    NoteStoreAnswered();
     if (!read) {
         event.dbVerdict = AC_DB_NOT_KNOWN;
         event.isAuthorized = AC_REASON_NONE;
@@ -537,15 +446,16 @@ bool ZorvDAL::IsFoundInTrustRules(uint32_t trustType, EngineEvent& event) {
 
 bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRulesInternal";
-    if (!m_DB) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+    // No rule matched, because none could be read: the caller must know.
+    const auto fault = [&](int code, const std::u16string& reason) {
+        event.storeFault = 1;
+        NoteStoreFault(kFunction, code, reason);
         return false;
-    }
+    };
+    if (!m_DB) return fault(SQLITE_MISUSE, u"m_DB is released");
+    if (m_storeDamaged.load(std::memory_order_relaxed)) return fault(SQLITE_CORRUPT, u"damaged file");
     Statement held = m_pLookupTrustRuleStmt;
-    if (!held) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupTrustRuleStmt is released");
-        return false;
-    }
+    if (!held) return fault(SQLITE_MISUSE, u"m_pLookupTrustRuleStmt is released");
 
     TrustAttributes attributes;
     if (!CollectTrustAttributes(trustType, event, attributes)) {
@@ -573,15 +483,15 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
     }
     if (bound != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        return false;
+        return fault(bound, u"Unable to create query");
     }
-    if (BindLookupText(stmt, ":procUser", attributes.user) != SQLITE_OK) {
+    if ((bound = BindLookupText(stmt, ":procUser", attributes.user)) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procUser");
-        return false;
+        return fault(bound, u"Unable to create query for procUser");
     }
-    if (BindLookupText(stmt, ":procGroup", attributes.group) != SQLITE_OK) {
+    if ((bound = BindLookupText(stmt, ":procGroup", attributes.group)) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procGroup");
-        return false;
+        return fault(bound, u"Unable to create query for procGroup");
     }
 
     int rc = SQLITE_ERROR;
@@ -615,12 +525,11 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
         // statistics and is written back in bulk when the engine stops.
         if (sqlite3_column_int64(stmt, kRuleHitcount) == 0) UpdateHitcountInternal(trustRuleId, 0);
         ZorvStats::Instance().IncrementTrustRuleHitCount(trustRuleId);
+        NoteStoreAnswered();
         return true;
     }
-    if (rc != SQLITE_DONE) {
-        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
-        return false;
-    }
+    if (rc != SQLITE_DONE) return fault(rc, u"DAL Error" + GetErrorString());
+    NoteStoreAnswered();
     ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
     ZORV_LOG(kLogTrace, kFunction,
              u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
