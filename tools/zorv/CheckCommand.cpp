@@ -153,6 +153,10 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
                           << host::SourceName(result.source) << ", inventory " << host::VerdictName(result.dbVerdict)
                           << ", ruleset " << (known ? (ruleset.empty() ? "(none)" : ruleset) : "-")
                           << "\n    sha256 " << host::ToHex(target.read.digests.sha256, 32) << "\n";
+                // app_ctl lets a block through while the store has no agent
+                // manifest for this engine version; say so rather than hide it.
+                if (blocked && status == AC_OK)
+                    std::cout << "    (not enforced yet: the engine waits for this version's agent manifest)\n";
             }
         }
         return int(anyBlocked ? kExitVerdict : kExitOk);

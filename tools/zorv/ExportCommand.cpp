@@ -81,6 +81,45 @@ bool LastId(const std::string& line, bool trust, uint64_t& id) {
     return ok;
 }
 
+// Copies one payload page as it is, CR LF line ends made LF, in large
+// blocks: the export should cost little more than get_inventory itself.
+bool CopyPage(const std::filesystem::path& payload, std::FILE* out, uint64_t& rows, std::string& last) {
+    std::ifstream page(payload, std::ios::binary);
+    std::string block(1 << 20, '\0'), carry;
+    for (;;) {
+        page.read(block.data(), static_cast<std::streamsize>(block.size()));
+        const size_t got = static_cast<size_t>(page.gcount());
+        if (got == 0) break;
+        std::string text = carry;
+        text.append(block.data(), got);
+        const size_t end = text.rfind('\n');
+        carry = end == std::string::npos ? text : text.substr(end + 1);
+        if (end == std::string::npos) continue;
+        size_t write = 0, lineStart = 0, lastStart = 0, lastLength = 0;
+        for (size_t read = 0; read <= end; ++read) {
+            if (text[read] == '\r' && read + 1 <= end && text[read + 1] == '\n') continue;
+            text[write++] = text[read];
+            if (text[read] == '\n') {
+                if (write - 1 > lineStart) {
+                    ++rows;
+                    lastStart = lineStart;
+                    lastLength = write - 1 - lineStart;
+                }
+                lineStart = write;
+            }
+        }
+        if (lastLength > 0) last.assign(text, lastStart, lastLength);
+        if (std::fwrite(text.data(), 1, write, out) != write) return false;
+    }
+    if (!carry.empty()) {
+        ++rows;
+        last = carry;
+        carry.push_back('\n');
+        return std::fwrite(carry.data(), 1, carry.size(), out) == carry.size();
+    }
+    return true;
+}
+
 struct FileCloser {
     void operator()(std::FILE* file) const {
         if (file != nullptr && file != stdout) std::fclose(file);
@@ -131,21 +170,20 @@ CommandRun DefineExport(CLI::App& command, const CommonOptions& common) {
                 std::filesystem::remove(payload, ignored);
                 return int(kExitError);
             }
-            std::ifstream page(payload, std::ios::binary);
             uint64_t pageRows = 0;
             std::string last;
-            while (std::getline(page, line)) {
-                if (!line.empty() && line.back() == '\r') line.pop_back();
-                if (line.empty()) continue;
-                ++pageRows;
-                if (csv) {
+            if (csv) {
+                std::ifstream page(payload, std::ios::binary);
+                while (std::getline(page, line)) {
+                    if (!line.empty() && line.back() == '\r') line.pop_back();
+                    if (line.empty()) continue;
+                    ++pageRows;
                     trust ? WriteCsvLine(out.get(), line, kTrustColumns) : WriteCsvLine(out.get(), line, kItemColumns);
-                } else {
-                    line.push_back('\n');
-                    std::fwrite(line.data(), 1, line.size(), out.get());
-                    line.pop_back();
+                    last.swap(line);
                 }
-                last.swap(line);
+            } else if (!CopyPage(payload, out.get(), pageRows, last)) {
+                PrintError(options->out, "write failed");
+                return int(kExitError);
             }
             rows += pageRows;
             if (pageRows < kPageItems || !LastId(last, trust, after)) break;

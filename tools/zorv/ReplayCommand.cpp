@@ -202,9 +202,11 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
     return run;
 }
 
-bool ApplyPolicy(const ReplayOptions& options) {
-    uint32_t flags = options.lockdown ? AC_CONFIG_LOCKDOWN : 0;
-    uint64_t start = ~0ull, end = ~0ull;
+// Reads --lockdown and --maintenance into set_config's arguments; false
+// (reported) for a window that does not parse.
+bool ParsePolicy(const ReplayOptions& options, uint32_t& flags, uint64_t& start, uint64_t& end) {
+    flags = options.lockdown ? AC_CONFIG_LOCKDOWN : 0;
+    start = ~0ull, end = ~0ull;
     if (!options.maintenance.empty()) {
         const size_t comma = options.maintenance.find(',');
         try {
@@ -222,6 +224,13 @@ bool ApplyPolicy(const ReplayOptions& options) {
         }
         flags |= AC_CONFIG_AUTO_AUTHORIZE;
     }
+    return true;
+}
+
+bool ApplyPolicy(const ReplayOptions& options) {
+    uint32_t flags = 0;
+    uint64_t start = 0, end = 0;
+    if (!ParsePolicy(options, flags, start, end)) return false;
     set_config(flags, start, end);
     return true;
 }
@@ -432,6 +441,9 @@ CommandRun DefineReplay(CLI::App& command, const CommonOptions& common) {
                 return int(kExitError);
             }
         }
+        uint32_t flags = 0;
+        uint64_t start = 0, end = 0;
+        if (!ParsePolicy(*options, flags, start, end)) return int(kExitUsage);
         DecisionWriter writer(out.get());
         std::ifstream file;
         if (options->events != "-") {
