@@ -230,12 +230,10 @@ bool ParseEventLine(std::string_view line, EventRecord& record, std::string& err
                 error = Quoted(key) + ": expected a string";
                 return false;
             }
-            std::optional<ZString> converted = Utf8ToZ(text);
-            if (!converted) {
+            if (!Utf8ToZ(text, record.TextSlot(static_cast<size_t>(index)))) {
                 error = Quoted(key) + ": not valid UTF-8";
                 return false;
             }
-            record.SetText(static_cast<size_t>(index), std::move(*converted));
         } else if ((index = FindField(kDigestFields, key)) >= 0) {
             uint8_t bytes[32];
             const size_t length = kDigestFields[index].length;

@@ -87,11 +87,22 @@ inline constexpr size_t kDigestFieldCount = std::size(kDigestFields);
 
 class EventRecord {
 public:
-    void Clear() { *this = EventRecord(); }
+    // Forgets every field but keeps the texts' storage, so a record reused
+    // line after line stops allocating.
+    void Clear() {
+        m_event = AppCtlEvent{};
+        m_hasText.fill(false);
+        m_hasDigest.fill(false);
+    }
 
     // Numbers, bytes and `type` are set here; Raw() keeps them.
     AppCtlEvent& Numbers() { return m_event; }
 
+    // The storage of a text field, marked present; fill it in place.
+    ZString& TextSlot(size_t field) {
+        m_hasText[field] = true;
+        return m_texts[field];
+    }
     void SetText(size_t field, ZString value) {
         m_texts[field] = std::move(value);
         m_hasText[field] = true;

@@ -4,8 +4,18 @@ namespace zorv::host {
 
 std::optional<ZString> Utf8ToZ(std::string_view utf8) {
     ZString out;
-    out.reserve(utf8.size());
+    if (!Utf8ToZ(utf8, out)) return std::nullopt;
+    return out;
+}
+
+bool Utf8ToZ(std::string_view utf8, ZString& out) {
+    // Paths and names are mostly ASCII: copy that run in one pass.
     size_t i = 0;
+    while (i < utf8.size() && static_cast<unsigned char>(utf8[i]) < 0x80) ++i;
+    out.resize(i);
+    for (size_t k = 0; k < i; ++k) out[k] = static_cast<ZorvChar>(utf8[k]);
+    if (i == utf8.size()) return true;
+    out.reserve(utf8.size());
     while (i < utf8.size()) {
         const auto lead = static_cast<unsigned char>(utf8[i]);
         uint32_t code = 0;
@@ -22,15 +32,15 @@ std::optional<ZString> Utf8ToZ(std::string_view utf8) {
         } else if ((lead & 0xF8) == 0xF0) {
             code = lead & 0x07, extra = 3, minimum = 0x10000;
         } else {
-            return std::nullopt;
+            return false;
         }
-        if (i + extra >= utf8.size()) return std::nullopt;
+        if (i + extra >= utf8.size()) return false;
         for (size_t k = 1; k <= extra; ++k) {
             const auto next = static_cast<unsigned char>(utf8[i + k]);
-            if ((next & 0xC0) != 0x80) return std::nullopt;
+            if ((next & 0xC0) != 0x80) return false;
             code = (code << 6) | (next & 0x3F);
         }
-        if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return std::nullopt;
+        if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
         if (code >= 0x10000) {
             code -= 0x10000;
             out.push_back(static_cast<ZorvChar>(0xD800 + (code >> 10)));
@@ -40,7 +50,7 @@ std::optional<ZString> Utf8ToZ(std::string_view utf8) {
         }
         i += extra + 1;
     }
-    return out;
+    return true;
 }
 
 std::string ZToUtf8(const ZorvChar* text, size_t length) {

@@ -19,6 +19,8 @@ using ZString = std::basic_string<ZorvChar>;
 // Strict: invalid UTF-8 (overlong forms, surrogates, truncated sequences)
 // yields nullopt, so a bad event line is refused instead of half-read.
 std::optional<ZString> Utf8ToZ(std::string_view utf8);
+// The same into `out` (its storage reused); false for invalid UTF-8.
+bool Utf8ToZ(std::string_view utf8, ZString& out);
 
 // Unpaired surrogates become U+FFFD: engine text is shown, never refused.
 std::string ZToUtf8(const ZorvChar* text, size_t length);

@@ -46,7 +46,12 @@ struct Parsed {
     uint64_t line = 0;
     host::EventRecord record;
 };
-using Batch = std::vector<Parsed>;
+// Batches go back to the reader once decided and are filled again in place,
+// so the records' texts keep their storage from one use to the next.
+struct Batch {
+    std::vector<Parsed> items;
+    size_t used = 0;
+};
 
 // What candidate mode compares, per event line.
 struct Decision {
@@ -78,6 +83,18 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_closed = true;
         m_ready.notify_all();
+    }
+    // Never waits: for handing spent batches back; false when none is there.
+    void Offer(Batch batch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_batches.push_back(std::move(batch));
+    }
+    bool TryPop(Batch& batch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_batches.empty()) return false;
+        batch = std::move(m_batches.front());
+        m_batches.pop_front();
+        return true;
     }
 
 private:
@@ -116,11 +133,13 @@ private:
     std::FILE* m_out;
 };
 
-void Work(BatchQueue& queue, DecisionWriter& writer, bool keepDecisions, WorkerResult& result) {
+void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool keepDecisions,
+          WorkerResult& result) {
     Batch batch;
     std::string lines;
     while (queue.Pop(batch)) {
-        for (Parsed& parsed : batch) {
+        for (size_t i = 0; i < batch.used; ++i) {
+            Parsed& parsed = batch.items[i];
             const AppCtlEvent& event = parsed.record.Raw();
             AppCtlResult answer{};
             const auto start = std::chrono::steady_clock::now();
@@ -141,6 +160,8 @@ void Work(BatchQueue& queue, DecisionWriter& writer, bool keepDecisions, WorkerR
             writer.Write(lines);
             lines.clear();
         }
+        batch.used = 0;
+        spent.Offer(std::move(batch));
     }
     writer.Write(lines);
 }
@@ -149,22 +170,27 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
                     DecisionWriter& writer, bool keepDecisions) {
     RunResult run;
     std::vector<BatchQueue> queues(threads);
+    BatchQueue spent;
     std::vector<WorkerResult> results(threads);
     std::vector<std::thread> workers;
     for (unsigned i = 0; i < threads; ++i)
-        workers.emplace_back([&, i] { Work(queues[i], writer, keepDecisions, results[i]); });
+        workers.emplace_back([&, i] { Work(queues[i], spent, writer, keepDecisions, results[i]); });
     constexpr size_t kBatch = 512;
     std::vector<Batch> pending(threads);
+    auto fresh = [&spent](Batch& batch) {
+        if (!spent.TryPop(batch)) batch = Batch();
+        batch.used = 0;
+    };
     const auto started = std::chrono::steady_clock::now();
     std::string line, error;
     uint64_t number = 0;
+    Parsed scratch;
     while (std::getline(in, line)) {
         ++number;
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.find_first_not_of(" \t") == std::string::npos) continue;
-        Parsed parsed;
-        parsed.line = number;
-        if (!host::ParseEventLine(line, parsed.record, error)) {
+        scratch.line = number;
+        if (!host::ParseEventLine(line, scratch.record, error)) {
             ++run.badLines;
             PrintError(shown + ":" + std::to_string(number), error);
             if (strict) {
@@ -174,12 +200,15 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
             continue;
         }
         ++run.events;
-        const unsigned worker = static_cast<unsigned>(parsed.record.Pid() % threads);
-        pending[worker].push_back(std::move(parsed));
-        if (pending[worker].size() >= kBatch) {
-            queues[worker].Push(std::move(pending[worker]));
-            pending[worker] = Batch();
-            pending[worker].reserve(kBatch);
+        Batch& batch = pending[static_cast<unsigned>(scratch.record.Pid() % threads)];
+        if (batch.used == batch.items.size()) batch.items.emplace_back();
+        // A swap hands the parsed record over and takes the slot's storage
+        // back for the next line.
+        std::swap(batch.items[batch.used++], scratch);
+        if (batch.used >= kBatch) {
+            const unsigned worker = static_cast<unsigned>(&batch - pending.data());
+            queues[worker].Push(std::move(batch));
+            fresh(batch);
         }
     }
     if (in.bad()) {
@@ -187,7 +216,7 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
         run.stopped = true;
     }
     for (unsigned i = 0; i < threads; ++i) {
-        if (!pending[i].empty()) queues[i].Push(std::move(pending[i]));
+        if (pending[i].used > 0) queues[i].Push(std::move(pending[i]));
         queues[i].Close();
     }
     for (std::thread& worker : workers) worker.join();

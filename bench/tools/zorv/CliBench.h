@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "zorv/zorv.h"
+
 extern char** environ;
 
 namespace zorv::bench {
@@ -76,6 +78,18 @@ inline double Scale() {
     const char* text = std::getenv("ZORV_BENCH_SCALE");
     const double scale = text ? std::atof(text) : 1.0;
     return scale > 0 ? scale : 1.0;
+}
+
+// Start parameters as zorv uses them: the log goes to a callback that the
+// level keeps silent. Without a callback the engine would write LogFile.log,
+// which no host running for speed does.
+inline void SilentLog(uint32_t, uint32_t, const ZorvChar*, const ZorvChar*, const ZorvChar*, uint32_t) {}
+inline EngineStartParams QuietStartParams(const ZorvChar* dbPath) {
+    EngineStartParams params{};
+    params.dbPath = dbPath;
+    params.logLevel = 0;
+    params.logCallback = &SilentLog;
+    return params;
 }
 
 // One child run as one benchmark iteration, with its CPU time and peak memory.

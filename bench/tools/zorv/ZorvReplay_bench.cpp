@@ -64,12 +64,13 @@ void BM_Bare_AppCtlLoop(benchmark::State& state) {
     const std::string db = BenchStorePath().string();
     const std::u16string path(db.begin(), db.end());
     for (auto _ : state) {
-        EngineStartParams params{};
-        params.dbPath = reinterpret_cast<const ZorvChar*>(path.c_str());
-        engine_start(&params);
-        set_config(0, ~0ull, ~0ull);
+        // Timed from engine_start to engine_stop, as the replay is: a bare
+        // host pays for opening and closing the store too.
         const double cpuBefore = ProcessCpuSeconds();
         const auto start = std::chrono::steady_clock::now();
+        EngineStartParams params = QuietStartParams(reinterpret_cast<const ZorvChar*>(path.c_str()));
+        engine_start(&params);
+        set_config(0, ~0ull, ~0ull);
         std::vector<std::thread> threads;
         std::atomic<uint64_t> allowed{0};
         for (unsigned t = 0; t < kThreads; ++t) {
@@ -85,10 +86,10 @@ void BM_Bare_AppCtlLoop(benchmark::State& state) {
             });
         }
         for (std::thread& thread : threads) thread.join();
+        engine_stop();
         state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         state.counters["cpu_s"] = ProcessCpuSeconds() - cpuBefore;
         state.counters["allowed"] = static_cast<double>(allowed);
-        engine_stop();
     }
     state.SetItemsProcessed(static_cast<int64_t>(prepared.events.size()));
 }
@@ -102,8 +103,11 @@ void BM_ZorvReplay(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(StartEvents() * 5));
 }
 
-BENCHMARK(BM_Bare_AppCtlLoop)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+// The replay runs first: a child's peak memory as the kernel reports it
+// starts from the parent's size at the spawn, and the bare loop's prepared
+// records would count against the replay.
 BENCHMARK(BM_ZorvReplay)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+BENCHMARK(BM_Bare_AppCtlLoop)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 }  // namespace
 
