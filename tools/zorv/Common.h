@@ -21,6 +21,7 @@ enum ExitStatus : int {
 
 struct CommonOptions {
     std::string db = "ac.db";
+    std::string socket;    // a running zorvd's control socket; empty: open the store directly
     std::string log;       // file, "-" for standard error, empty for none
     std::string logLevel;  // empty: "info" when a log is asked for
     bool json = false;

@@ -82,6 +82,7 @@ CommandRun DefineImport(CLI::App& command, const CommonOptions& common) {
             PrintError(options->file, parsed ? "not a JSON object" : "not valid JSON");
             return int(kExitError);
         }
+        if (!common.socket.empty()) return ImportViaDaemon(common, options->name, options->append, text);
         const std::optional<host::ZString> name = host::Utf8ToZ(options->name);
         if (!name) {
             PrintError("--name", "not valid UTF-8");

@@ -22,11 +22,13 @@ CommandRun DefineMetrics(CLI::App& command, const CommonOptions& common) {
             PrintError("metrics", "--json and --prometheus exclude each other");
             return int(kExitUsage);
         }
-        host::EngineSession engine;
-        if (!OpenEngine(common, engine)) return int(kExitError);
         std::string json;
-        const uint32_t status = host::FetchMetrics(json);
-        if (status != AC_OK) {
+        host::EngineSession engine;
+        if (!common.socket.empty()) {
+            if (!MetricsViaDaemon(common, json)) return int(kExitError);
+        } else if (!OpenEngine(common, engine)) {
+            return int(kExitError);
+        } else if (const uint32_t status = host::FetchMetrics(json); status != AC_OK) {
             PrintError("get_metrics_mem", host::StatusName(status));
             return int(kExitError);
         }

@@ -24,6 +24,11 @@ int main(int argc, char** argv) {
     if (const char* fromEnvironment = std::getenv("ZORV_DB"); fromEnvironment != nullptr && *fromEnvironment)
         common.db = fromEnvironment;
     app.add_option("--db", common.db, "The store file (default $ZORV_DB, else ./ac.db)");
+    if (const char* fromEnvironment = std::getenv("ZORV_SOCKET"); fromEnvironment != nullptr && *fromEnvironment)
+        common.socket = fromEnvironment;
+    app.add_option("--socket", common.socket,
+                   "Act on a running zorvd through its control socket (default $ZORV_SOCKET): import, metrics, "
+                   "status, mode, maintenance, ps");
     app.add_option("--log", common.log, "Write the engine's log to FILE, or to standard error with -");
     app.add_option("--log-level", common.logLevel, "error, warning, info (default with --log) or trace");
     app.add_flag("--json", common.json, "Print results as JSON");

@@ -1,0 +1,335 @@
+// End to end: the built zorvd on a tmpfs of the test's own, real programs
+// started against it. Needs root and fanotify permission events; skipped with
+// the reason otherwise. Nothing but the test's mount is ever marked.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+std::string Digest(const fs::path& file, const EVP_MD* kind) {
+    std::ifstream in(file, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    unsigned char out[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), out, &length, kind, nullptr);
+    std::string hex;
+    char pair[3];
+    for (unsigned int i = 0; i < length; ++i) {
+        std::snprintf(pair, sizeof pair, "%02x", out[i]);
+        hex += pair;
+    }
+    return hex;
+}
+
+// Runs argv with a bounded wait; a child still running at the limit is
+// killed and reported as -1. An exec the kernel refuses exits 126.
+int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::vector<std::string>& env = {}) {
+    const pid_t child = fork();
+    if (child == 0) {
+        for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
+        std::vector<char*> args;
+        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        const int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 1);
+        dup2(devnull, 2);
+        execv(args[0], args.data());
+        _exit(errno == EPERM || errno == EACCES ? 126 : 127);
+    }
+    const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        if (Clock::now() > until) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+class Zorvd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "zorvd needs root for fanotify permission events";
+        const int probe = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+        if (probe < 0) GTEST_SKIP() << "fanotify permission events unavailable: " << std::strerror(errno);
+        close(probe);
+        char pattern[] = "/tmp/zorvd-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_root = pattern;
+        m_mount = m_root / "mnt";
+        fs::create_directories(m_mount);
+        fs::create_directories(m_root / "state");
+        if (mount("tmpfs", m_mount.c_str(), "tmpfs", 0, "size=64m,mode=0755") != 0)
+            GTEST_SKIP() << "cannot mount a test tmpfs: " << std::strerror(errno);
+        m_mounted = true;
+    }
+
+    void TearDown() override {
+        StopDaemon(SIGKILL);
+        if (m_mounted) umount2(m_mount.c_str(), MNT_DETACH);
+        std::error_code ignored;
+        if (!m_root.empty()) fs::remove_all(m_root, ignored);
+    }
+
+    // Starts the daemon and waits (bounded) until its socket answers.
+    void StartDaemon(const std::string& mode, const std::string& extra = "", const std::vector<std::string>& env = {}) {
+        std::ofstream(m_root / "zorvd.toml") << "mode = \"" << mode << "\"\nstore = \"" << (m_root / "state/ac.db").string()
+                                             << "\"\nsocket = \"" << Socket() << "\"\nwatch = [\"" << m_mount.string()
+                                             << "\"]\nlog = \"" << (m_root / "zorvd.log").string()
+                                             << "\"\ntrust_rules = \"" << (m_root / "trust.json").string() << "\"\n"
+                                             << extra;
+        m_daemon = fork();
+        if (m_daemon == 0) {
+            for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
+            const std::string config = (m_root / "zorvd.toml").string();
+            execl(ZORVD_PROGRAM, ZORVD_PROGRAM, "--config", config.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        const auto until = Clock::now() + std::chrono::seconds(15);
+        while (Clock::now() < until) {
+            if (Request("{\"command\":\"status\"}").find("\"ok\":true") != std::string::npos) return;
+            int status = 0;
+            ASSERT_EQ(waitpid(m_daemon, &status, WNOHANG), 0) << "zorvd exited at start:\n" << LogText();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        FAIL() << "zorvd did not answer on its socket:\n" << LogText();
+    }
+
+    // Returns whether the daemon ended within the limit.
+    bool StopDaemon(int signal, int limitMs = 10000) {
+        if (m_daemon <= 0) return true;
+        kill(m_daemon, signal);
+        const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
+        int status = 0;
+        while (waitpid(m_daemon, &status, WNOHANG) == 0) {
+            if (Clock::now() > until) {
+                kill(m_daemon, SIGKILL);
+                waitpid(m_daemon, &status, 0);
+                m_daemon = -1;
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        m_daemon = -1;
+        return true;
+    }
+
+    std::string Socket() const { return (m_root / "state/zorvd.sock").string(); }
+
+    std::string LogText() const {
+        std::ifstream in(m_root / "zorvd.log");
+        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+
+    // One request on the control socket; the empty text when nothing answers.
+    std::string Request(const std::string& line) const {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_un address {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, Socket().c_str(), sizeof address.sun_path - 1);
+        struct timeval limit {10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        std::string reply;
+        if (connect(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0 &&
+            send(fd, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL) == static_cast<ssize_t>(line.size() + 1)) {
+            char chunk[4096];
+            ssize_t got;
+            while ((got = read(fd, chunk, sizeof chunk)) > 0) reply.append(chunk, static_cast<size_t>(got));
+        }
+        close(fd);
+        return reply;
+    }
+
+    double StatusNumber(const std::string& key) const {
+        std::unique_ptr<cJSON, decltype(&cJSON_Delete)> doc(cJSON_Parse(Request("{\"command\":\"status\"}").c_str()),
+                                                            cJSON_Delete);
+        const cJSON* value = doc ? cJSON_GetObjectItemCaseSensitive(doc.get(), key.c_str()) : nullptr;
+        return cJSON_IsNumber(value) ? value->valuedouble : -1;
+    }
+
+    // Puts files on the allow list through the daemon's live engine. Their
+    // digests are read from a copy off the mount: under enforce, reading an
+    // unknown program on it is refused like loading it.
+    void Inventory(const std::vector<std::pair<fs::path, fs::path>>& files) {
+        std::string rules;
+        for (const auto& [onMount, file] : files) {
+            rules += std::string(rules.empty() ? "" : ",") + "{\"fileName\":\"" + onMount.filename().string() +
+                     "\",\"sha256\":\"" + Digest(file, EVP_sha256()) + "\",\"sha1\":\"" + Digest(file, EVP_sha1()) +
+                     "\",\"md5\":\"" + Digest(file, EVP_md5()) + "\",\"size\":" + std::to_string(fs::file_size(file)) +
+                     ",\"action\":\"allow\"}";
+        }
+        const fs::path ruleset = m_root / "items.json";
+        std::ofstream(ruleset) << "{\"rules\":[" << rules << "]}";
+        ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "import", ruleset.string(), "--name", "test-items",
+                              "--append"}),
+                  0);
+    }
+
+    fs::path Copy(const fs::path& from, const std::string& name) {
+        const fs::path to = m_mount / name;
+        fs::copy_file(from, to, fs::copy_options::overwrite_existing);
+        fs::permissions(to, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+        return to;
+    }
+
+    fs::path Write(const std::string& name, const std::string& text) {
+        const fs::path to = m_mount / name;
+        std::ofstream(to) << text;
+        fs::permissions(to, fs::perms::owner_all);
+        return to;
+    }
+
+    fs::path m_root, m_mount;
+    bool m_mounted = false;
+    pid_t m_daemon = -1;
+};
+
+TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    StartDaemon("enforce");
+    EXPECT_EQ(RunProgram({unknown}), 126);
+    EXPECT_NE(LogText().find("deny exec " + unknown.string()), std::string::npos);
+
+    ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "mode", "log-only"}), 0);
+    EXPECT_EQ(RunProgram({unknown}), 0);
+    const std::string metrics = Request("{\"command\":\"metrics\"}");
+    EXPECT_NE(metrics.find("\"RunAllowedLogOnly\":1"), std::string::npos) << metrics;
+}
+
+TEST_F(Zorvd, InventoriedProgramRunsAndRewrittenOneLosesItsVerdict) {
+    const fs::path program = Copy("/usr/bin/true", "known");
+    StartDaemon("enforce");
+    Inventory({{program, "/usr/bin/true"}});
+    EXPECT_EQ(RunProgram({program}), 0);
+    EXPECT_EQ(RunProgram({program}), 0);  // again, from the digest cache
+
+    // Same inode, new content: the old digest's trust must not carry over.
+    const std::string other = "/usr/bin/false";
+    std::ifstream in(other, std::ios::binary);
+    std::ofstream(program, std::ios::binary | std::ios::trunc) << in.rdbuf();
+    EXPECT_EQ(RunProgram({program}), 126);
+}
+
+TEST_F(Zorvd, ScriptsAndLoaderRunsAreDecided) {
+    const fs::path program = Copy("/usr/bin/true", "unknown");
+    const fs::path script = Write("unknown.sh", "exit 0\n");
+    const fs::path hashBang = Write("hashbang", "#!/bin/sh\nexit 0\n");
+    const fs::path knownScript = Write("known.sh", "exit 0 # known\n");
+    const std::string loader = fs::exists("/lib64/ld-linux-x86-64.so.2") ? "/lib64/ld-linux-x86-64.so.2"
+                                                                          : "/lib/ld-linux-aarch64.so.1";
+    StartDaemon("enforce");
+    Inventory({{knownScript, knownScript}});
+    const struct {
+        std::vector<std::string> argv;
+        bool allowed;
+    } cases[] = {
+        {{"/bin/bash", script}, false},
+        {{"/bin/bash", knownScript}, true},
+        {{loader, program}, false},
+        {{hashBang}, false},
+    };
+    for (const auto& run : cases) {
+        const int status = RunProgram(run.argv);
+        EXPECT_EQ(status == 0, run.allowed) << run.argv.back() << " exited " << status;
+    }
+}
+
+TEST_F(Zorvd, UnknownSharedLibraryFailsToLoadUnderEnforce) {
+    const fs::path unknown = Copy(ZORV_LIBRARY_FILE, "libunknown.so");
+    const fs::path known = Copy(ZORV_LIBRARY_FILE, "libknown.so");
+    // One byte more makes a library with a digest of its own.
+    std::ofstream(unknown, std::ios::binary | std::ios::app) << '\n';
+    StartDaemon("enforce");
+    Inventory({{known, ZORV_LIBRARY_FILE}});
+    EXPECT_EQ(RunProgram({ZORVD_DLOPEN_PROBE, known}), 0);
+    EXPECT_EQ(RunProgram({ZORVD_DLOPEN_PROBE, unknown}), 1);
+}
+
+TEST_F(Zorvd, TrustedUpdaterWriteThenExecIsAllowed) {
+    std::ofstream(m_root / "trust.json") << R"({"Trustrules":[{"processName":"/usr/bin/cp","trustType":1}]})";
+    StartDaemon("enforce");
+    for (int round = 0; round < 5; ++round) {
+        const std::string target = (m_mount / ("fresh" + std::to_string(round))).string();
+        ASSERT_EQ(RunProgram({"/usr/bin/cp", "/usr/bin/true", target}), 0);
+        EXPECT_EQ(RunProgram({target}), 0) << "round " << round << "\n" << LogText();
+    }
+    // The test itself is no trusted updater.
+    const fs::path untrusted = Copy("/usr/bin/false", "untrusted");
+    EXPECT_EQ(RunProgram({untrusted}), 126);
+}
+
+TEST_F(Zorvd, StalledEngineIsAnsweredAtTheDeadline) {
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    for (const char* answer : {"allow", "deny"}) {
+        StartDaemon("enforce", std::string("deadline_ms = 300\non_deadline = \"") + answer + "\"\n",
+                    {"ZORVD_FAULT_STALL_MS=5000"});
+        const auto started = Clock::now();
+        EXPECT_EQ(RunProgram({unknown}), std::strcmp(answer, "allow") == 0 ? 0 : 126) << answer;
+        EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(3000)) << answer;
+        EXPECT_EQ(StatusNumber("deadline_answers"), 1) << answer;
+        StopDaemon(SIGKILL);
+    }
+}
+
+TEST_F(Zorvd, StoppingOrKillingTheDaemonReleasesAWaitingExec) {
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    for (int signal : {SIGTERM, SIGKILL}) {
+        StartDaemon("enforce", "deadline_ms = 60000\n", {"ZORVD_FAULT_STALL_MS=30000"});
+        int status = -2;
+        std::thread waiter([&] { status = RunProgram({unknown}, 15000); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        const auto stopped = Clock::now();
+        kill(m_daemon, signal);
+        waiter.join();
+        EXPECT_EQ(status, 0) << "signal " << signal;
+        EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(5)) << "signal " << signal;
+        StopDaemon(SIGKILL);
+    }
+}
+
+TEST_F(Zorvd, ControlSocketRefusesANonRootClient) {
+    StartDaemon("log-only");
+    // Even with the file mode opened up, the peer's credentials decide.
+    ASSERT_EQ(chmod(Socket().c_str(), 0666), 0);
+    chmod(m_root.c_str(), 0755);
+    chmod((m_root / "state").c_str(), 0755);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0) _exit(3);
+        const std::string reply = Request("{\"command\":\"mode\",\"mode\":\"enforce\"}");
+        _exit(reply.find("\"ok\":false") != std::string::npos && reply.find("refused") != std::string::npos ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    EXPECT_NE(Request("{\"command\":\"status\"}").find("\"mode\":\"log-only\""), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,231 @@
+// zorvd: the engine enforcing on Linux. Program starts, script and library
+// opens reach it as fanotify permission events; written, deleted and renamed
+// files as change events. Every permission event is answered exactly once: by
+// a worker after the engine's decision, by the watchdog at the deadline, on
+// queue overflow, or at shutdown; a daemon that dies releases every waiter
+// because the kernel answers for a closed group.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "Config.h"
+#include "Digests.h"
+
+namespace zorvd {
+
+struct FileId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    bool operator==(const FileId& other) const { return dev == other.dev && ino == other.ino; }
+};
+
+struct FileIdHash {
+    size_t operator()(const FileId& id) const { return std::hash<uint64_t>()(id.ino * 1000003u ^ id.dev); }
+};
+
+// What a file's first bytes make it; decides whether an open is judged.
+enum class FileKind : uint8_t { Plain, Elf, Script };
+
+// One permission event in flight. The descriptor stays open until the last
+// holder lets go, so a late answer never lands on a reused descriptor.
+struct PermissionEvent {
+    int fd = -1;
+    pid_t pid = 0;
+    uint64_t mask = 0;
+    int64_t arrivedNs = 0;
+    int64_t deadlineNs = 0;
+    std::atomic<bool> answered{false};
+    PermissionEvent() = default;
+    PermissionEvent(const PermissionEvent&) = delete;
+    PermissionEvent& operator=(const PermissionEvent&) = delete;
+    ~PermissionEvent();
+};
+
+enum class JobKind : uint8_t { Exec, Library, Script, Write };
+
+struct Job {
+    JobKind kind = JobKind::Exec;
+    std::shared_ptr<PermissionEvent> event;  // Write jobs: the written file's descriptor, never answered
+    FileId id;
+    std::string writer;                      // Write jobs: the writing program, taken when the event was read
+};
+
+// A bounded queue of jobs; Push refuses when full instead of waiting.
+class JobQueue {
+public:
+    explicit JobQueue(size_t limit) : m_limit(limit) {}
+    bool Push(Job job);
+    bool Pop(Job& job, const std::atomic<bool>& stopping);
+    void Wake();
+    size_t Depth();
+    std::deque<Job> TakeAll();
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_ready;
+    std::deque<Job> m_jobs;
+    size_t m_limit;
+};
+
+struct CachedDigest {
+    uint64_t size = 0;
+    int64_t mtimeNs = 0;
+    int64_t ctimeNs = 0;
+    Digests digests{};
+    bool execAllowed = false;  // the last exec judgement of this content allowed it
+};
+
+// Digests by (device, inode), valid while size, mtime and ctime are unchanged;
+// the oldest entries leave first when the bound is reached.
+class DigestCache {
+public:
+    explicit DigestCache(size_t limit) : m_limit(limit) {}
+    bool Find(const FileId& id, const struct stat& status, CachedDigest& out);
+    void Store(const FileId& id, const struct stat& status, const Digests& digests);
+    void MarkExecAllowed(const FileId& id, const struct stat& status, bool allowed);
+    void Drop(const FileId& id);
+    size_t Size();
+
+private:
+    std::mutex m_mutex;
+    std::unordered_map<FileId, CachedDigest, FileIdHash> m_entries;
+    std::deque<FileId> m_order;
+    size_t m_limit;
+};
+
+// Latency in microseconds, on a log-scale histogram good to about 5%.
+class LatencyHistogram {
+public:
+    void Record(uint64_t micros);
+    uint64_t Percentile(double fraction);
+    uint64_t Max() { return m_max.load(); }
+
+private:
+    static constexpr int kBuckets = 400;
+    static int Bucket(uint64_t micros);
+    static uint64_t BucketValue(int bucket);
+    std::atomic<uint64_t> m_counts[kBuckets]{};
+    std::atomic<uint64_t> m_max{0};
+};
+
+struct Counters {
+    std::atomic<uint64_t> exec{0}, open{0}, script{0}, library{0}, write{0}, remove{0}, rename{0};
+    std::atomic<uint64_t> allowed{0}, denied{0}, deadline{0}, overflow{0}, error{0}, kernelOverflow{0};
+    std::atomic<uint64_t> ownAccess{0}, plainOpens{0};
+};
+
+class Daemon {
+public:
+    Daemon(Config config, std::string configPath);
+    ~Daemon();
+    // Runs until SIGTERM or SIGINT; returns the process's exit status.
+    int Run();
+
+private:
+    struct Watched {
+        std::string path;
+        dev_t dev = 0;
+        int fd = -1;  // the watched directory, for resolving file handles
+        uint64_t fsid = 0;
+    };
+
+    bool StartEngine();
+    bool ApplyPolicy(bool probeManifest);
+    void ImportManifest();
+    bool SetupFanotify();
+    bool OpenControlSocket();
+    void Reload();
+    void Shutdown();
+
+    void ReaderLoop();
+    void NotifyLoop();
+    void WorkerLoop();
+    void WriteLoop();
+    void WatchdogLoop();
+    void ControlLoop();
+
+    void HandlePermission(std::shared_ptr<PermissionEvent> event);
+    void HandleWrite(int fd, pid_t pid);
+    void Decide(Job& job);
+    void JudgeWrite(Job& job);
+    bool Respond(PermissionEvent& event, bool allow, bool audit);
+    void AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id);
+    FileKind Classify(int fd, const struct stat& status);
+    bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out);
+    void WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
+    void FinishPendingWrite(const FileId& id);
+    std::string ProgramOf(pid_t pid);
+    bool IsIgnored(const std::string& path) const;
+
+    std::string HandleControlRequest(const std::string& line);
+    std::string StatusJson();
+    std::string PsJson();
+
+    Config m_config;
+    std::string m_configPath;
+    std::mutex m_policyMutex;  // mode, maintenance and imports change one at a time
+    bool m_maintenance = false;
+
+    int m_permissionFd = -1;
+    int m_notifyFd = -1;
+    int m_stopFd = -1;  // eventfd: wakes the loops that poll
+    int m_controlFd = -1;
+    std::vector<Watched> m_watched;
+    std::atomic<bool> m_stopping{false};
+    std::atomic<bool> m_enforce{false};
+    std::atomic<uint32_t> m_deadlineMs{1000};
+    int64_t m_startNs = 0;
+    bool m_audit = false;
+    std::atomic<int64_t> m_readerBeat{0};
+    std::atomic<int64_t> m_maintenanceUntilNs{0};
+    uint32_t m_stallMs = 0;  // ZORVD_FAULT_STALL_MS: a deliberately slow engine, for the deadline tests
+
+    JobQueue m_jobs;
+    JobQueue m_writes;
+    DigestCache m_digests;
+    LatencyHistogram m_latency;
+    Counters m_counters;
+
+    std::mutex m_inflightMutex;
+    std::deque<std::shared_ptr<PermissionEvent>> m_inflight;
+
+    std::mutex m_pendingMutex;
+    std::condition_variable m_pendingDone;
+    std::unordered_map<FileId, int, FileIdHash> m_pendingWrites;
+
+    std::mutex m_kindMutex;
+    struct KindEntry {
+        int64_t ctimeNs;
+        FileKind kind;
+    };
+    std::unordered_map<FileId, KindEntry, FileIdHash> m_kinds;
+
+    std::mutex m_programMutex;
+    struct ProgramEntry {
+        std::string program;
+        int64_t seenNs;
+    };
+    std::unordered_map<pid_t, ProgramEntry> m_programs;
+
+    std::shared_mutex m_groupMutex;
+    std::thread m_reader;
+    std::vector<std::thread> m_threads;
+};
+
+int64_t NowNs();
+
+}  // namespace zorvd
