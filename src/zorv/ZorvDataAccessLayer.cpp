@@ -198,6 +198,10 @@ bool ZorvDAL::InitDB() {
     m_trustRulesEnabled = TrustRulesCount() > 0;
     m_md5RuleCount = MD5RulesCount(true);
     m_sha1RuleCount = SHA1RulesCount(true);
+    {
+        std::lock_guard<std::mutex> dbLock(m_dbLock);
+        ReloadTrustRulesInternal();
+    }
     m_shutDown = false;
     return result;
 }
@@ -343,7 +347,18 @@ bool ZorvDAL::PrepareStatements() {
     return true;
 }
 
+void ZorvDAL::ReloadTrustRulesInternal() {
+    if (m_DB) {
+        m_trustRuleSet.Load(m_DB.get());
+    } else {
+        m_trustRuleSet.Clear();
+    }
+}
+
 void ZorvDAL::Finalize() {
+    // The rules go with the connection: answers after this must come from a
+    // store that is open again.
+    m_trustRuleSet.Clear();
     if (m_DB) {
         const int rc = sqlite3_wal_checkpoint_v2(m_DB.get(), nullptr, SQLITE_CHECKPOINT_FULL, nullptr, nullptr);
         if (rc != SQLITE_OK && rc != SQLITE_BUSY) {
@@ -488,6 +503,7 @@ bool ZorvDAL::PurgeDB(uint32_t kind) {
         const bool vacuumed = sqlite3_exec(m_DB.get(), "VACUUM;", nullptr, nullptr, nullptr) == SQLITE_OK;
         result = result && executed && vacuumed;
     }
+    if (kind == 6 || kind == 0) ReloadTrustRulesInternal();
     ZORV_LOG(kLogTrace, u"ZorvDAL::PurgeDB", u"Returning from PurgeDB with retval %d unlock", result ? 1 : 0);
     return result;
 }

@@ -12,6 +12,7 @@
 // The members are spread over several files by subject:
 //   ZorvDataAccessLayer.cpp         open, migrate, prepare, finalize, delete, purge
 //   ZorvDataAccessLayerLookup.cpp   inventory lookup and trust-rule matching
+//                                   (the rules themselves: ZorvTrustRuleSet)
 //   ZorvDataAccessLayerStore.cpp    item, trust-rule and user-list storage, state
 //   ZorvDataAccessLayerMetrics.cpp  counts behind the metrics document
 //   ZorvDataAccessLayerImport.cpp   ruleset import and inventory export
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "EngineEvent.h"
+#include "ZorvTrustRuleSet.h"
 #include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
 
@@ -177,7 +179,12 @@ private:
     bool IsAllowedInRuleSet(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInInventory(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInDrift(sqlite3_stmt* row, EngineEvent& event);
+    // The in-memory rules; the statement below when they are not loaded.
+    bool IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event);
+    // The lookup statement itself.
     bool IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event);
+    // Reads the trust rules into memory again after a change to their tables.
+    void ReloadTrustRulesInternal();
     bool UpdateHitcountInternal(int32_t trustRuleId, int32_t hitcount);
 
     // ZorvDataAccessLayerStore.cpp
@@ -237,6 +244,10 @@ private:
     Statement m_pInsertItemTempTableStmt;
     Statement m_pInsertTrustRuleTempTableStmt;
     Statement m_pInsertUserListTempTableStmt;
+
+    // The TrustRules and UserList tables in memory; loaded under the database
+    // lock, read without it.
+    ZorvTrustRuleSet m_trustRuleSet;
 
     std::vector<std::string> m_schema;  // the migration scripts, version 4 onwards
 

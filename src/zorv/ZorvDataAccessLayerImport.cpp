@@ -499,6 +499,7 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
         return false;
     }
 
+    if (kind != RulesetKind::ItemRuleset) ReloadTrustRulesInternal();
     m_md5RuleCount = MD5RulesCount(false);
     m_sha1RuleCount = SHA1RulesCount(false);
     // Hit counts are keyed by rule id, and the swap gave every rule its row

@@ -14,6 +14,8 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvTrustRuleSet.h"
+#include "ZorvWildcard.h"
 
 namespace zorv {
 
@@ -22,137 +24,6 @@ namespace {
 using dal::TracedLock;
 
 constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
-
-// ---- Wildcard patterns ----
-
-bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
-
-// One element of a compiled pattern. A "**" followed by a separator becomes
-// two: the position at a level boundary, where the element may end, and the
-// position inside a level, where it may not, so that only whole levels match.
-enum class PatternElement : uint8_t {
-    Literal,   // the unit itself
-    AnyOne,    // '?': one unit that is not a separator
-    AnyRun,    // '*': any run of units that are not separators
-    AnyLevels, // "**\" or "**/": empty, or any run ending in a separator
-    LevelsMid  // inside a level of the AnyLevels element just before it
-};
-
-struct CompiledPattern {
-    std::vector<PatternElement> kinds;
-    std::vector<char16_t> units;  // the literal for Literal elements
-};
-
-CompiledPattern Compile(std::u16string_view pattern) {
-    CompiledPattern compiled;
-    compiled.kinds.reserve(pattern.size());
-    compiled.units.reserve(pattern.size());
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        const char16_t unit = pattern[i];
-        PatternElement kind = PatternElement::Literal;
-        if (unit == u'?') {
-            kind = PatternElement::AnyOne;
-        } else if (unit == u'*') {
-            if (i + 2 < pattern.size() && pattern[i + 1] == u'*' && IsSeparator(pattern[i + 2])) {
-                kind = PatternElement::AnyLevels;
-                i += 2;
-            } else {
-                kind = PatternElement::AnyRun;
-            }
-        }
-        // Adjacent runs of '*' accept the same texts as one; folding them keeps
-        // the state set small for patterns like "a***b".
-        if (kind == PatternElement::AnyRun && !compiled.kinds.empty() &&
-            compiled.kinds.back() == PatternElement::AnyRun) {
-            continue;
-        }
-        compiled.kinds.push_back(kind);
-        compiled.units.push_back(unit);
-        if (kind == PatternElement::AnyLevels) {
-            compiled.kinds.push_back(PatternElement::LevelsMid);
-            compiled.units.push_back(unit);
-        }
-    }
-    return compiled;
-}
-
-// A set of pattern positions, one bit each.
-class StateSet {
-public:
-    explicit StateSet(size_t count) : m_words((count + 63) / 64, 0) {}
-    bool Test(size_t i) const { return (m_words[i / 64] >> (i % 64)) & 1u; }
-    void Set(size_t i) { m_words[i / 64] |= uint64_t{1} << (i % 64); }
-    void Clear() { std::fill(m_words.begin(), m_words.end(), 0); }
-    bool Empty() const {
-        for (uint64_t word : m_words) {
-            if (word != 0) return false;
-        }
-        return true;
-    }
-    // Index of the first set bit at or after `from`, or `limit` when none.
-    size_t Next(size_t from, size_t limit) const {
-        while (from < limit) {
-            const uint64_t word = m_words[from / 64] >> (from % 64);
-            if (word != 0) return from + static_cast<size_t>(std::countr_zero(word));
-            from = (from / 64 + 1) * 64;
-        }
-        return limit;
-    }
-    void Swap(StateSet& other) { m_words.swap(other.m_words); }
-
-private:
-    std::vector<uint64_t> m_words;
-};
-
-// The elements that may match nothing let the position after them be reached
-// too. Positions only move forward, so one ascending pass closes the set.
-void CloseOverEmptyRuns(const CompiledPattern& pattern, StateSet& states) {
-    const size_t count = pattern.kinds.size();
-    for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
-        const PatternElement kind = pattern.kinds[i];
-        if (kind == PatternElement::AnyRun) states.Set(i + 1);
-        // At a level boundary the levels may end: skip the inside position too.
-        if (kind == PatternElement::AnyLevels) states.Set(i + 2);
-    }
-}
-
-// Simulates the pattern as an automaton over the text: each text unit moves
-// every reachable position at once. Cost is at most text length times pattern
-// length, whatever the pattern, and nothing recurses.
-bool MatchCompiled(std::u16string_view text, const CompiledPattern& pattern) {
-    const size_t count = pattern.kinds.size();
-    StateSet current(count + 1);
-    StateSet next(count + 1);
-    current.Set(0);
-    CloseOverEmptyRuns(pattern, current);
-    for (const char16_t unit : text) {
-        next.Clear();
-        const bool separator = IsSeparator(unit);
-        for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
-            switch (pattern.kinds[i]) {
-                case PatternElement::Literal:
-                    if (pattern.units[i] == unit) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyOne:
-                    if (!separator) next.Set(i + 1);
-                    break;
-                case PatternElement::AnyRun:
-                    if (!separator) next.Set(i);
-                    break;
-                case PatternElement::AnyLevels:
-                    next.Set(separator ? i : i + 1);
-                    break;
-                case PatternElement::LevelsMid:
-                    next.Set(separator ? i - 1 : i);
-                    break;
-            }
-        }
-        if (next.Empty()) return false;
-        CloseOverEmptyRuns(pattern, next);
-        current.Swap(next);
-    }
-    return current.Test(count);
-}
 
 // ---- Database helpers ----
 
@@ -213,28 +84,16 @@ void SetVerdict(EngineEvent& event, bool allowed, uint32_t reason) {
     event.isAuthorized = reason;
 }
 
-// What one trust type compares against the rules. Texts that keep their case
-// point into the event; the lower-cased ones are copies.
-struct TrustAttributes {
-    std::u16string processName;
-    const std::u16string* signerName = nullptr;
-    const std::u16string* productName = nullptr;
-    const std::u16string* companyName = nullptr;
-    std::array<std::u16string, kIssuerCount> issuer;
-    const SHA256Hash* sha256 = nullptr;
-    std::u16string user;
-    std::u16string group;
-};
-
-bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustAttributes& out) {
+bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustQuery& out) {
     static const std::u16string kEmpty;
+    out.trustType = trustType;
     out.processName = ToLower(event.processName);
     switch (trustType) {
         case 1:
             out.signerName = &event.processSignerName;
             out.productName = &event.processProductName;
             out.companyName = &event.processCompanyName;
-            std::copy(std::begin(event.processIssuer), std::end(event.processIssuer), out.issuer.begin());
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &event.processIssuer[i];
             out.sha256 = &event.processSha256;
             break;
         case 2:
@@ -242,13 +101,14 @@ bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustA
             out.signerName = &event.fileSignerName;
             out.productName = &event.fileProductName;
             out.companyName = &event.fileCompanyName;
-            std::copy(std::begin(event.fileIssuer), std::end(event.fileIssuer), out.issuer.begin());
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &event.fileIssuer[i];
             out.sha256 = &event.fileSha256;
             break;
         case 3:
             // Exclusion by process name alone: every other condition is bound
             // empty, so only rules without one can match.
             out.signerName = out.productName = out.companyName = &kEmpty;
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &kEmpty;
             return true;
         default:
             return false;
@@ -256,6 +116,18 @@ bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustA
     out.user = ToLower(event.user);
     out.group = ToLower(event.group);
     return true;
+}
+
+void LogTrustRuleMiss(const TrustQuery& query, const EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRulesInternal";
+    ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
+    ZORV_LOG(kLogTrace, kFunction,
+             u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
+             u"productName='%s' companyName='%s' issuerCN='%s' IssuerC='%s' IssuerS='%s' IssuerL='%s' "
+             u"IssuerO='%s' IssuerOU='%s' procUser='%s' procGroup='%s'",
+             query.processName, event.name, query.trustType, *query.signerName, *query.productName,
+             *query.companyName, *query.issuer[0], *query.issuer[1], *query.issuer[2], *query.issuer[3],
+             *query.issuer[4], *query.issuer[5], query.user, query.group);
 }
 
 // The SQL INSTR only says the rule's group occurs somewhere in the list; here
@@ -275,15 +147,7 @@ bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
 
 bool ZorvDAL::WildcardMatch(std::u16string_view text, std::u16string_view pattern) {
     if (text == pattern) return true;
-    // Without wildcards only equality can match; the separator rewriting below
-    // must not turn a plain directory name into a pattern.
-    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return false;
-
-    std::u16string rewritten(pattern);
-    // "dir\**" means everything below dir, and "dir\" the files directly in it.
-    if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
-    if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
-    return MatchCompiled(text, Compile(rewritten));
+    return WildcardPattern(pattern).Matches(text);
 }
 
 bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string patterns) {
@@ -525,14 +389,48 @@ bool ZorvDAL::IsAllowedInDrift(sqlite3_stmt* row, EngineEvent&) {
 // ---- Trust rules ----
 
 bool ZorvDAL::IsFoundInTrustRules(uint32_t trustType, EngineEvent& event) {
-    // The flag saves every event a query while the store holds no rules.
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRules";
+    // The flag saves every event a lookup while the store holds no rules.
     if (!m_trustRulesEnabled) {
-        ZORV_LOG(kLogTrace, u"ZorvDAL::IsFoundInTrustRules", u"TrustRules are not enabled");
+        ZORV_LOG(kLogTrace, kFunction, u"TrustRules are not enabled");
         return false;
     }
-    TracedLock lock(m_dbLock, u"ZorvDAL::IsFoundInTrustRules", u"IsFoundInTrustRules lock",
-                    u"IsFoundInTrustRules unlock");
-    return IsFoundInTrustRulesInternal(trustType, event);
+    ZORV_LOG(kLogTrace, kFunction, u"IsFoundInTrustRules lock");
+    const bool found = IsFoundInTrustRuleSet(trustType, event);
+    ZORV_LOG(kLogTrace, kFunction, u"IsFoundInTrustRules unlock");
+    return found;
+}
+
+bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
+    TrustQuery query;
+    const bool known = CollectTrustAttributes(trustType, event, query);
+    ZorvTrustRuleSet::Hit hit;
+    const ZorvTrustRuleSet::Answer answer =
+        known ? m_trustRuleSet.Find(query, event.name, hit) : ZorvTrustRuleSet::Answer::NotLoaded;
+    if (answer == ZorvTrustRuleSet::Answer::NotLoaded) {
+        // Closed, or the rules could not be read: the statement answers (and
+        // says why it cannot), under the database lock as before.
+        if (!known && m_trustRuleSet.IsLoaded()) {
+            ZORV_LOG(kLogWarning, u"ZorvDAL::IsFoundInTrustRulesInternal", u"Unknown trust rule type");
+            return false;
+        }
+        std::lock_guard<std::mutex> lock(m_dbLock);
+        return IsFoundInTrustRulesInternal(trustType, event);
+    }
+    if (answer == ZorvTrustRuleSet::Answer::NotFound) {
+        LogTrustRuleMiss(query, event);
+        return false;
+    }
+    event.trustOrigin = kTrustOriginTrustRule;
+    if (hit.hasRuleset) event.ruleset = std::move(hit.ruleset);
+    // Only the first hit is stored here; the true count lives in the
+    // statistics and is written back in bulk when the engine stops.
+    if (hit.firstHit) {
+        std::lock_guard<std::mutex> lock(m_dbLock);
+        UpdateHitcountInternal(hit.trustRuleId, 0);
+    }
+    ZorvStats::Instance().IncrementTrustRuleHitCount(hit.trustRuleId);
+    return true;
 }
 
 bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event) {
@@ -547,7 +445,7 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
         return false;
     }
 
-    TrustAttributes attributes;
+    TrustQuery attributes;
     if (!CollectTrustAttributes(trustType, event, attributes)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unknown trust rule type");
         return false;
@@ -569,7 +467,7 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
                     : sqlite3_bind_null(stmt, index);
     }
     for (size_t i = 0; i < kIssuerCount && bound == SQLITE_OK; ++i) {
-        bound = BindLookupText(stmt, kIssuerParameters[i], attributes.issuer[i]);
+        bound = BindLookupText(stmt, kIssuerParameters[i], *attributes.issuer[i]);
     }
     if (bound != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
@@ -621,14 +519,7 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
         ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
         return false;
     }
-    ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
-    ZORV_LOG(kLogTrace, kFunction,
-             u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
-             u"productName='%s' companyName='%s' issuerCN='%s' IssuerC='%s' IssuerS='%s' IssuerL='%s' "
-             u"IssuerO='%s' IssuerOU='%s' procUser='%s' procGroup='%s'",
-             attributes.processName, event.name, trustType, *attributes.signerName, *attributes.productName,
-             *attributes.companyName, attributes.issuer[0], attributes.issuer[1], attributes.issuer[2],
-             attributes.issuer[3], attributes.issuer[4], attributes.issuer[5], attributes.user, attributes.group);
+    LogTrustRuleMiss(attributes, event);
     return false;
 }
 

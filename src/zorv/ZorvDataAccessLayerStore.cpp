@@ -263,7 +263,9 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
 
 uint64_t ZorvDAL::StoreTrustRule(const TrustRuleRecord& rule) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRule", u"StoreTrustRule lock", u"StoreTrustRule unlock");
-    return StoreTrustRuleInternal(rule, false);
+    const uint64_t stored = StoreTrustRuleInternal(rule, false);
+    if (stored != 0) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreTrustRuleBuffer(const TrustRuleRecord& rule) {
@@ -281,8 +283,12 @@ uint64_t ZorvDAL::StoreTrustRuleFlush() {
 }
 
 uint64_t ZorvDAL::StoreTrustRuleFlushInternal() {
-    return FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush",
-                       [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
+    const bool pending = !m_pendingTrustRules.empty();
+    const uint64_t stored =
+        FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush",
+                    [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
+    if (pending) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable) {
@@ -332,7 +338,9 @@ uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempT
 
 uint64_t ZorvDAL::StoreUserList(const UserListRecord& entry) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserList", u"StoreUserList lock", u"StoreUserList unlock");
-    return StoreUserListInternal(entry, false);
+    const uint64_t stored = StoreUserListInternal(entry, false);
+    if (stored != 0) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreUserListBuffer(const UserListRecord& entry) {
@@ -350,8 +358,12 @@ uint64_t ZorvDAL::StoreUserListFlush() {
 }
 
 uint64_t ZorvDAL::StoreUserListFlushInternal() {
-    return FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush",
-                       [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
+    const bool pending = !m_pendingUserLists.empty();
+    const uint64_t stored =
+        FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush",
+                    [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
+    if (pending) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTable) {

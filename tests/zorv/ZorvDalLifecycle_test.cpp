@@ -8,17 +8,11 @@
 
 #include "SqliteProbe.h"
 #include "TestSupport.h"
+#include "ZorvDalTestPeer.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvLogger.h"
 
 namespace zorv {
-
-// Stands in for an operation that holds its own references while it works.
-struct ZorvDALTestPeer {
-    static std::shared_ptr<sqlite3_stmt> GetAcStateStmt(ZorvDAL& dal) { return dal.m_pGetAcStateStmt; }
-    static std::shared_ptr<sqlite3> Connection(ZorvDAL& dal) { return dal.m_DB; }
-    static void Finalize(ZorvDAL& dal) { dal.Finalize(); }
-};
 
 namespace {
 

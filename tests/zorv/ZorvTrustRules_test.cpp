@@ -135,6 +135,9 @@ TEST_F(ZorvTrustRules, ExclusionSeesOnlyProcessNameRules) {
     Reopen();
     EXPECT_FALSE(Found(kExclusion, Event()));
     AddRule("trustType, processName", "3, 'c:\\tools\\*.exe'");
+    // The rules are held in memory: another program's write is read at the next open.
+    EXPECT_FALSE(Found(kExclusion, Event()));
+    Reopen();
     EXPECT_TRUE(Found(kExclusion, Event()));
     EXPECT_FALSE(Found(9, Event())) << "unknown type";
 }
