@@ -74,6 +74,11 @@ Cell ReadText(sqlite3_stmt* stmt, int column, std::u16string& out) {
         case SQLITE_TEXT: {
             const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
             const std::string_view utf8(bytes, static_cast<size_t>(sqlite3_column_bytes(stmt, column)));
+            // Rule texts are nearly always ASCII, which widens unit by unit.
+            if (std::all_of(utf8.begin(), utf8.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+                out.assign(utf8.begin(), utf8.end());
+                return Cell::Text;
+            }
             out = Utf8ToUtf16(utf8);
             return Utf16ToUtf8(out) == utf8 ? Cell::Text : Cell::Unusable;
         }
@@ -137,7 +142,7 @@ struct Rule {
     bool hasRuleset = false;
     bool hasProcUser = false;
     bool hasUserList = false;
-    std::u16string processName;  // as stored: an exact name is compared with it
+    std::u16string processName;  // an exact name as stored (empty for patterns)
     std::u16string group;
     std::u16string ruleset;
     std::u16string procUser;
@@ -310,6 +315,8 @@ bool ZorvTrustRuleSet::Load(sqlite3* db) {
                 rule.nameKind = rule.processName.find_first_of(u"*?") != std::u16string::npos ? NameKind::Wildcard
                                                                                              : NameKind::Exact;
                 rule.names = CompileList(rule.processName);
+                // Only an exact name is compared as stored; patterns keep their own copy.
+                if (rule.nameKind == NameKind::Wildcard) std::u16string().swap(rule.processName);
                 break;
             case Cell::Unusable:
                 return;

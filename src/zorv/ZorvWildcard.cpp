@@ -46,12 +46,13 @@ using Element = WildcardPattern::Element;
 
 // The elements that may match nothing let the position after them be reached
 // too. Positions only move forward, so one ascending pass closes the set.
-void CloseOverEmptyRuns(const std::vector<Element>& kinds, StateSet& states) {
-    const size_t count = kinds.size();
+template <typename Steps>
+void CloseOverEmptyRuns(const Steps& steps, StateSet& states) {
+    const size_t count = steps.size();
     for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
-        if (kinds[i] == Element::AnyRun) states.Set(i + 1);
+        if (steps[i].kind == Element::AnyRun) states.Set(i + 1);
         // At a level boundary the levels may end: skip the inside position too.
-        if (kinds[i] == Element::AnyLevels) states.Set(i + 2);
+        if (steps[i].kind == Element::AnyLevels) states.Set(i + 2);
     }
 }
 
@@ -68,8 +69,7 @@ WildcardPattern::WildcardPattern(std::u16string_view pattern) : m_text(pattern) 
     if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
-    m_kinds.reserve(rewritten.size());
-    m_units.reserve(rewritten.size());
+    m_steps.reserve(rewritten.size());
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
         Element kind = Element::Literal;
@@ -85,29 +85,22 @@ WildcardPattern::WildcardPattern(std::u16string_view pattern) : m_text(pattern) 
         }
         // Adjacent runs of '*' accept the same texts as one; folding them keeps
         // the state set small for patterns like "a***b".
-        if (kind == Element::AnyRun && !m_kinds.empty() && m_kinds.back() == Element::AnyRun) continue;
-        m_kinds.push_back(kind);
-        m_units.push_back(unit);
-        if (kind == Element::AnyLevels) {
-            m_kinds.push_back(Element::LevelsMid);
-            m_units.push_back(unit);
-        }
+        if (kind == Element::AnyRun && !m_steps.empty() && m_steps.back().kind == Element::AnyRun) continue;
+        m_steps.push_back({unit, kind});
+        if (kind == Element::AnyLevels) m_steps.push_back({unit, Element::LevelsMid});
     }
-    m_kinds.shrink_to_fit();
-    m_units.shrink_to_fit();
-    while (m_prefix < m_kinds.size() && m_kinds[m_prefix] == Element::Literal) ++m_prefix;
-    while (m_suffix < m_kinds.size() - m_prefix && m_kinds[m_kinds.size() - 1 - m_suffix] == Element::Literal) {
-        ++m_suffix;
-    }
-    for (const Element kind : m_kinds) {
-        if (kind == Element::Literal || kind == Element::AnyOne) ++m_minLength;
+    const size_t count = m_steps.size();
+    while (m_prefix < count && m_steps[m_prefix].kind == Element::Literal) ++m_prefix;
+    while (m_suffix < count - m_prefix && m_steps[count - 1 - m_suffix].kind == Element::Literal) ++m_suffix;
+    for (const Step& step : m_steps) {
+        if (step.kind == Element::Literal || step.kind == Element::AnyOne) ++m_minLength;
     }
 }
 
 size_t WildcardPattern::HeapBytes() const {
     // A short text lives inside the string object itself.
     const size_t text = m_text.capacity() > 7 ? (m_text.capacity() + 1) * sizeof(char16_t) : 0;
-    return text + m_kinds.capacity() * sizeof(Element) + m_units.capacity() * sizeof(char16_t);
+    return text + m_steps.capacity() * sizeof(Step);
 }
 
 bool WildcardPattern::Matches(std::u16string_view text) const {
@@ -116,18 +109,21 @@ bool WildcardPattern::Matches(std::u16string_view text) const {
     if (text.size() < m_minLength) return false;
     // The last unit of the prefix first: rules that differ in a numbered name
     // differ there, so most of them are rejected by one comparison.
-    if (m_prefix != 0 && (text[m_prefix - 1] != m_units[m_prefix - 1] ||
-                          !std::equal(m_units.begin(), m_units.begin() + m_prefix, text.begin()))) {
+    const auto sameUnit = [](const Step& step, char16_t unit) { return step.unit == unit; };
+    if (m_prefix != 0 && (text[m_prefix - 1] != m_steps[m_prefix - 1].unit ||
+                          !std::equal(m_steps.begin(), m_steps.begin() + m_prefix, text.begin(), sameUnit))) {
         return false;
     }
-    if (m_suffix != 0 && !std::equal(m_units.end() - m_suffix, m_units.end(), text.end() - m_suffix)) return false;
+    if (m_suffix != 0 && !std::equal(m_steps.end() - m_suffix, m_steps.end(), text.end() - m_suffix, sameUnit)) {
+        return false;
+    }
     return MatchElements(text);
 }
 
 // Simulates the pattern as an automaton over the text: each text unit moves
 // every reachable position at once.
 bool WildcardPattern::MatchElements(std::u16string_view text) const {
-    const size_t count = m_kinds.size();
+    const size_t count = m_steps.size();
     const size_t words = (count + 1 + 63) / 64;
     // Patterns of up to 255 elements, nearly all of them, need no allocation.
     std::array<uint64_t, 8> small{};
@@ -140,14 +136,14 @@ bool WildcardPattern::MatchElements(std::u16string_view text) const {
     StateSet current(storage, words);
     StateSet next(storage + words, words);
     current.Set(0);
-    CloseOverEmptyRuns(m_kinds, current);
+    CloseOverEmptyRuns(m_steps, current);
     for (const char16_t unit : text) {
         next.Clear();
         const bool separator = IsSeparator(unit);
         for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
-            switch (m_kinds[i]) {
+            switch (m_steps[i].kind) {
                 case Element::Literal:
-                    if (m_units[i] == unit) next.Set(i + 1);
+                    if (m_steps[i].unit == unit) next.Set(i + 1);
                     break;
                 case Element::AnyOne:
                     if (!separator) next.Set(i + 1);
@@ -164,7 +160,7 @@ bool WildcardPattern::MatchElements(std::u16string_view text) const {
             }
         }
         if (next.Empty()) return false;
-        CloseOverEmptyRuns(m_kinds, next);
+        CloseOverEmptyRuns(m_steps, next);
         current.Swap(next);
     }
     return current.Test(count);

@@ -30,7 +30,7 @@ public:
     bool IsWildcard() const { return m_wildcard; }
     uint32_t MinLength() const { return m_minLength; }
     uint32_t PrefixLength() const { return m_prefix; }
-    char16_t PrefixLast() const { return m_prefix != 0 ? m_units[m_prefix - 1] : u'\0'; }
+    char16_t PrefixLast() const { return m_prefix != 0 ? m_steps[m_prefix - 1].unit : u'\0'; }
 
     // The pattern as given, for the log.
     const std::u16string& Text() const { return m_text; }
@@ -54,8 +54,11 @@ private:
 
     std::u16string m_text;
     bool m_wildcard = false;
-    std::vector<Element> m_kinds;
-    std::vector<char16_t> m_units;  // the literal of Literal elements
+    struct Step {
+        char16_t unit;  // the literal of a Literal element
+        Element kind;
+    };
+    std::vector<Step> m_steps;
     // Cheap rejections before the automaton runs: every match starts with the
     // leading literals, ends with the trailing ones and is at least this long.
     uint32_t m_prefix = 0;     // leading Literal elements
