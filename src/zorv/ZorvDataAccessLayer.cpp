@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
 
@@ -108,18 +109,6 @@ constexpr char kInsertUserListSql[] = "INSERT INTO UserList( id, user ) VALUES( 
 constexpr char kUpdatePrelinkItemSql[] =
     "UPDATE InventoryItems SET sha256 = :hash, size = :size, recordTime = :recordTime WHERE source = 5 and sha256 "
     "= :oldhash and path = :path and fileName = :fileName ;";
-constexpr char kLookupItemAuthSql[] =
-    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) ORDER BY inventoryItemId "
-    "DESC LIMIT 1;";
-constexpr char kLookupItemAuthRulesetSql[] =
-    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) AND (source = 2 OR source = "
-    "1) ORDER BY inventoryItemId DESC LIMIT 1;";
-constexpr char kLookupItemAlternateSHA1HashSql[] =
-    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND(sha1 = :sha1)) ORDER BY inventoryItemId DESC "
-    "LIMIT 1;";
-constexpr char kLookupItemAlternateMD5HashSql[] =
-    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND (md5 = :md5 )) ORDER BY inventoryItemId DESC "
-    "LIMIT 1;";
 constexpr char kLookupTrustRuleSql[] =
     "SELECT trustRuleId, paths, hitcount, processName, ruleset, procGroup FROM TrustRules LEFT JOIN UserList ON "
     "TrustRules.userList = UserList.id WHERE (processName is NULL or processName = :processName or "
@@ -314,10 +303,10 @@ bool ZorvDAL::PrepareStatements() {
         {&m_pInsertTrustRuleStmt, kInsertTrustRuleSql},
         {&m_pInsertUserListStmt, kInsertUserListSql},
         {&m_pUpdatePrelinkItemStmt, kUpdatePrelinkItemSql},
-        {&m_pLookupItemAuthStmt, kLookupItemAuthSql},
-        {&m_pLookupItemAuthRulesetStmt, kLookupItemAuthRulesetSql},
-        {&m_pLookupItemAlternateSHA1HashStmt, kLookupItemAlternateSHA1HashSql},
-        {&m_pLookupItemAlternateMD5HashStmt, kLookupItemAlternateMD5HashSql},
+        {&m_pLookupItemAuthStmt, dal::kLookupItemAuthSql},
+        {&m_pLookupItemAuthRulesetStmt, dal::kLookupItemAuthRulesetSql},
+        {&m_pLookupItemAlternateSHA1HashStmt, dal::kLookupItemAlternateSHA1HashSql},
+        {&m_pLookupItemAlternateMD5HashStmt, dal::kLookupItemAlternateMD5HashSql},
         {&m_pLookupTrustRuleStmt, kLookupTrustRuleSql},
         {&m_pLookupUserListStmt, kLookupUserListSql},
         {&m_pUpdateTrustRuleHitcountStmt, kUpdateTrustRuleHitcountSql},
@@ -344,6 +333,7 @@ bool ZorvDAL::PrepareStatements() {
             return false;
         }
     }
+    m_readers.Open(m_dbPath);
     return true;
 }
 
@@ -356,8 +346,9 @@ void ZorvDAL::ReloadTrustRulesInternal() {
 }
 
 void ZorvDAL::Finalize() {
-    // The rules go with the connection: answers after this must come from a
-    // store that is open again.
+    // The readers and the rules go with the connection: answers after this
+    // must come from a store that is open again.
+    m_readers.Close();
     m_trustRuleSet.Clear();
     if (m_DB) {
         const int rc = sqlite3_wal_checkpoint_v2(m_DB.get(), nullptr, SQLITE_CHECKPOINT_FULL, nullptr, nullptr);

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "EngineEvent.h"
+#include "ZorvReadConnections.h"
 #include "ZorvTrustRuleSet.h"
 #include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
@@ -174,8 +175,10 @@ private:
     bool ExecSchema(sqlite3* db, size_t index);
 
     // ZorvDataAccessLayerLookup.cpp
+    // Through the writer's statements (the database lock held) or a reader's.
     bool IsAllowedInDBInternal(EngineEvent& event);
-    Statement IsAllowedInDBSearch(EngineEvent& event, int& rc);
+    bool IsAllowedInDBInternal(EngineEvent& event, const ZorvReadConnections::Lookups& lookups);
+    Statement IsAllowedInDBSearch(EngineEvent& event, int& rc, const ZorvReadConnections::Lookups& lookups);
     bool IsAllowedInRuleSet(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInInventory(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInDrift(sqlite3_stmt* row, EngineEvent& event);
@@ -245,6 +248,8 @@ private:
     Statement m_pInsertTrustRuleTempTableStmt;
     Statement m_pInsertUserListTempTableStmt;
 
+    // The inventory lookup's own connections, open while m_DB is.
+    ZorvReadConnections m_readers;
     // The TrustRules and UserList tables in memory; loaded under the database
     // lock, read without it.
     ZorvTrustRuleSet m_trustRuleSet;

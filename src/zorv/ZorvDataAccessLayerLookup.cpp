@@ -171,21 +171,40 @@ bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string pat
 // ---- Inventory lookup ----
 
 bool ZorvDAL::IsAllowedInDB(EngineEvent& event) {
-    TracedLock lock(m_dbLock, u"ZorvDAL::IsAllowedInDB", u"IsAllowedInDB lock", u"IsAllowedInDB unlock");
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDB";
+    // A read connection of its own: no wait for the writer or other lookups.
+    if (const ZorvReadConnections::Lease reader = m_readers.Acquire()) {
+        ZORV_LOG(kLogTrace, kFunction, u"IsAllowedInDB lock");
+        const bool result = IsAllowedInDBInternal(event, *reader);
+        ZORV_LOG(kLogTrace, kFunction, u"IsAllowedInDB unlock");
+        return result;
+    }
+    TracedLock lock(m_dbLock, kFunction, u"IsAllowedInDB lock", u"IsAllowedInDB unlock");
     return IsAllowedInDBInternal(event);
 }
 
-ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
+bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
+    ZorvReadConnections::Lookups writer;
+    writer.db = m_DB;
+    writer.ruleset = m_pLookupItemAuthRulesetStmt;
+    writer.sha1 = m_pLookupItemAlternateSHA1HashStmt;
+    writer.md5 = m_pLookupItemAlternateMD5HashStmt;
+    writer.any = m_pLookupItemAuthStmt;
+    return IsAllowedInDBInternal(event, writer);
+}
+
+ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc,
+                                                const ZorvReadConnections::Lookups& lookups) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBSearch";
     rc = SQLITE_ERROR;
-    if (!m_DB) {
+    if (!lookups.db) {
         ZORV_LOG(kLogError, kFunction, u"m_DB is released");
         event.dbVerdict = AC_DB_NOT_KNOWN;
         return {};
     }
 
     // 1. Ruleset rows (sources 1 and 2) by SHA-256 and size.
-    Statement ruleset = m_pLookupItemAuthRulesetStmt;
+    Statement ruleset = lookups.ruleset;
     if (!ruleset) {
         ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthRulesetStmt is released");
         event.dbVerdict = AC_DB_NOT_KNOWN;
@@ -213,7 +232,7 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     const int64_t sha1Rules = m_sha1RuleCount;
     if (sha1Rules != 0 && event.fileSha1.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of sha1 rules is: %d", sha1Rules);
-        Statement sha1 = m_pLookupItemAlternateSHA1HashStmt;
+        Statement sha1 = lookups.sha1;
         if (!sha1) {
             ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateSHA1HashStmt is released");
             event.dbVerdict = AC_DB_NOT_KNOWN;
@@ -232,7 +251,7 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     const int64_t md5Rules = m_md5RuleCount;
     if (md5Rules != 0 && event.fileMd5.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of md5 rules is: %d", md5Rules);
-        Statement md5 = m_pLookupItemAlternateMD5HashStmt;
+        Statement md5 = lookups.md5;
         if (!md5) {
             ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateMD5HashStmt is released");
             event.dbVerdict = AC_DB_NOT_KNOWN;
@@ -252,7 +271,7 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     if (lastUsed != nullptr) ResetStatement(lastUsed);
 
     // 4. Any row by SHA-256 and size.
-    Statement any = m_pLookupItemAuthStmt;
+    Statement any = lookups.any;
     if (!any) {
         ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthStmt is released");
         event.dbVerdict = AC_DB_NOT_KNOWN;
@@ -268,10 +287,10 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     return any;
 }
 
-bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
+bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event, const ZorvReadConnections::Lookups& lookups) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBInternal";
     int rc = SQLITE_ERROR;
-    Statement found = IsAllowedInDBSearch(event, rc);
+    Statement found = IsAllowedInDBSearch(event, rc, lookups);
     if (!found) return false;
     // Reset and cleared however this ends, also after a step error.
     const StatementUse use(std::move(found));
@@ -308,7 +327,7 @@ bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
         rc = sqlite3_step(row);
     }
     if (rc != SQLITE_DONE) {
-        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
+        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", sqlite3_errstr(sqlite3_errcode(lookups.db.get())));
         return false;
     }
     if (!read) {
