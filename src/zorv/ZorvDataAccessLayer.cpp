@@ -191,6 +191,7 @@ bool ZorvDAL::InitDB() {
         std::lock_guard<std::mutex> dbLock(m_dbLock);
         ReloadTrustRulesInternal();
     }
+    if (result) m_writeBehind.Start();
     m_shutDown = false;
     return result;
 }
@@ -408,6 +409,8 @@ void ZorvDAL::Finalize() {
 
 void ZorvDAL::Shutdown() {
     m_shutDown = true;
+    // Decisions' writes first: the buffers below may hold what they add.
+    m_writeBehind.Stop();
     if (m_DB) {
         // Each buffer is flushed under its own hold of the lock, so a caller
         // waiting on the lock gets in between the three transactions.

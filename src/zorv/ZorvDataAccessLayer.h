@@ -34,6 +34,7 @@
 #include "EngineEvent.h"
 #include "ZorvReadConnections.h"
 #include "ZorvTrustRuleSet.h"
+#include "ZorvWriteBehind.h"
 #include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
 
@@ -115,6 +116,9 @@ public:
     uint64_t StoreItemBuffer(EngineEvent& event);
     uint64_t StoreItemBuffer(const InventoryItemRecord& item);
     uint64_t StoreItemFlush();
+    // Returns once every write a decision asked for so far is in the store
+    // (or in the item buffer, for scanned items, as a direct store would be).
+    void DrainDecisionWrites() { m_writeBehind.Drain(); }
     uint64_t StoreTrustRule(const TrustRuleRecord& rule);
     uint64_t StoreTrustRuleBuffer(const TrustRuleRecord& rule);
     uint64_t StoreTrustRuleFlush();
@@ -195,6 +199,8 @@ private:
     uint64_t StoreItemFlushInternal();
     uint64_t StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable);
     uint64_t StoreTrustRuleFlushInternal();
+    // What StoreEventItem hands to the write-behind thread.
+    void StoreEventItemNow(EngineEvent& event);
     uint64_t StoreUserListInternal(const UserListRecord& entry, bool tempTable);
     uint64_t StoreUserListFlushInternal();
 
@@ -261,6 +267,10 @@ private:
     std::atomic<int64_t> m_sha1RuleCount{0};
     std::atomic<int64_t> m_md5RuleCount{0};
     bool m_shutDown = false;  // Shutdown ran; the destructor must not repeat it
+
+    // The writes decisions ask for, done beside them; running while the store
+    // is open. Last, so that it is gone before anything its tasks use.
+    ZorvWriteBehind m_writeBehind;
 };
 
 // Shared by the files above: one statement use, reset and cleared at its end

@@ -445,8 +445,10 @@ bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
     // Only the first hit is stored here; the true count lives in the
     // statistics and is written back in bulk when the engine stops.
     if (hit.firstHit) {
-        std::lock_guard<std::mutex> lock(m_dbLock);
-        UpdateHitcountInternal(hit.trustRuleId, 0);
+        m_writeBehind.Post([this, id = hit.trustRuleId] {
+            std::lock_guard<std::mutex> lock(m_dbLock);
+            UpdateHitcountInternal(id, 0);
+        });
     }
     ZorvStats::Instance().IncrementTrustRuleHitCount(hit.trustRuleId);
     return true;
@@ -543,6 +545,8 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
 }
 
 bool ZorvDAL::UpdateHitcount(int32_t trustRuleId, int32_t hitcount) {
+    // A first hit still queued must not land after, and over, the full count.
+    m_writeBehind.Drain();
     TracedLock lock(m_dbLock, u"ZorvDAL::UpdateHitcount", u"UpdateHitcount lock", u"UpdateHitcount unlock");
     return UpdateHitcountInternal(trustRuleId, hitcount);
 }

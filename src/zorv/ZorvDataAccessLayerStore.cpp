@@ -199,6 +199,8 @@ uint64_t ZorvDAL::StoreItemBuffer(const InventoryItemRecord& item) {
 }
 
 uint64_t ZorvDAL::StoreItemFlush() {
+    // Items decisions learned are written first, so that the flush holds them.
+    m_writeBehind.Drain();
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreItemFlush", u"StoreItemFlush lock", u"StoreItemFlush unlock");
     return StoreItemFlushInternal();
 }
@@ -393,6 +395,16 @@ uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTa
 // ---- Items the engine decided on ----
 
 bool ZorvDAL::StoreEventItem(EngineEvent& event) {
+    // The caller sees the source the row will have; the row itself is written
+    // beside the decision, which must not wait for the writer.
+    if (event.source != AC_SOURCE_SCANNED && event.source != AC_SOURCE_PRELINK) {
+        event.source = AC_SOURCE_APPROVED_DRIFT;
+    }
+    m_writeBehind.Post([this, item = event]() mutable { StoreEventItemNow(item); });
+    return true;
+}
+
+void ZorvDAL::StoreEventItemNow(EngineEvent& event) {
     switch (event.source) {
         case AC_SOURCE_SCANNED:
             StoreItemBuffer(event);
@@ -407,7 +419,6 @@ bool ZorvDAL::StoreEventItem(EngineEvent& event) {
             StoreItem(event);
             break;
     }
-    return true;
 }
 
 void ZorvDAL::SetPrelinkOldHash(const SHA256Hash& hash) {
