@@ -6,7 +6,10 @@
 //   - a process start of an unknown executable under lockdown;
 //   - a process start that the last of the 1,000 trust rules allows;
 //   - a drift event: an unknown file written outside the temporary folders;
-//   - the cache check and the inventory start again on two threads.
+//   - the cache check and the inventory start again on two threads;
+//   - the cache check and the inventory start through the same steps as
+//     app_ctl but without its call gate, and the gate alone, for the price
+//     of the gate that lets engine_stop wait for calls in flight.
 // Beside them, in the same run, the limits they are judged against: a bare
 // prepared SELECT of the same rows on a connection of its own, and a bare
 // probe of the same (target, process, user) triple in nested unordered maps
@@ -15,10 +18,10 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <array>
-#include <chrono>
 #include <thread>
+#include <chrono>
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +36,10 @@
 
 #include "BenchInventory.h"
 #include "BenchReport.h"
+#include "EngineEvent.h"
+#include "Zorv.h"
+#include "ZorvCallGate.h"
+#include "ZorvEventAbstraction.h"
 #include "ZorvText.h"
 #include "zorv/zorv.h"
 
@@ -241,6 +248,73 @@ void BM_AppCtl_Drift(benchmark::State& state) {
         wrong += result.eventType != AC_EVENT_FILE_CHANGE || result.dbVerdict != AC_DB_NOT_KNOWN;
     }
     Finish(state, cpu, wrong, "the drift was not judged as unknown");
+}
+
+// ---- The call gate -----------------------------------------------------------
+
+// app_ctl's own steps after its argument check, without the gate: the
+// "before" of the gate's price, measured in the same run as the "after".
+uint32_t AppCtlUngated(const AppCtlEvent& event, AppCtlResult& result) {
+    zorv::ZorvEngine* engine = zorv::ZorvEngine::GetEngine();
+    if (engine == nullptr) return AC_E_NOT_STARTED;
+    zorv::EngineEvent engineEvent;
+    zorv::ZorvEngine::ConvertEvent(&event, &engineEvent);
+    engine->ProcessEvent(engineEvent);
+    zorv::FillAppCtlResult(engineEvent, &result);
+    return zorv::AppCtlStatus(engineEvent.action, event);
+}
+
+void BM_Ungated_CacheHit(benchmark::State& state) {
+    if (!Start(state)) return;
+    const std::u16string user = u"corp\\user" + zorv::Utf8ToUtf16(std::to_string(state.thread_index()));
+    Probe start(AC_OP_PROCESS_CREATE, 1, Target(1));
+    start.user = user;
+    start.Point();
+    AppCtlResult result{};
+    app_ctl(nullptr, &start.record, &result);
+    Probe check(AC_OP_CACHE_CHECK, 1, Target(1));
+    check.user = user;
+    check.Point();
+    int64_t wrong = 0;
+    ThreadCpu cpu(state);
+    for (auto _ : state) {
+        AppCtlUngated(check.record, result);
+        wrong += result.action != AC_DECISION_ALLOW;
+    }
+    Finish(state, cpu, wrong, "a cache check missed");
+}
+
+void BM_Ungated_ProcessStart_Inventory(benchmark::State& state) {
+    if (!Start(state)) return;
+    std::mt19937_64 random(7 + static_cast<uint64_t>(state.thread_index()));
+    std::vector<std::unique_ptr<Probe>> probes;
+    for (size_t i = 0; i < kProbes; ++i) {
+        const int64_t row = PickRow(random, 2);
+        probes.push_back(std::make_unique<Probe>(AC_OP_PROCESS_CREATE, row, Target(row)));
+    }
+    size_t next = 0;
+    int64_t wrong = 0;
+    AppCtlResult result{};
+    for (const auto& probe : probes) AppCtlUngated(probe->record, result);
+    ThreadCpu cpu(state);
+    for (auto _ : state) {
+        AppCtlUngated(probes[next++ % kProbes]->record, result);
+        wrong += result.dbVerdict != AC_DB_ALLOWED || result.action != AC_DECISION_ALLOW;
+    }
+    Finish(state, cpu, wrong, "a start was not allowed by the inventory");
+}
+
+// The gate alone: one admission and its leaving, on a gate of its own.
+void BM_CallGate_EnterLeave(benchmark::State& state) {
+    static zorv::CallGate gate;
+    int64_t refused = 0;
+    for (auto _ : state) {
+        zorv::CallGate::Call call(gate);
+        refused += !call.Admitted();
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations());
+    if (refused != 0) state.SkipWithError("the open gate refused a call");
 }
 
 // ---- Decisions beside writes ------------------------------------------------
@@ -455,6 +529,9 @@ BENCHMARK(BM_AppCtl_ProcessStart_UnknownLockdown)->Arg(0)->Arg(8)->UseRealTime()
 BENCHMARK(BM_AppCtl_ProcessStart_TrustRule)->Arg(0)->Arg(8)->UseRealTime();
 BENCHMARK(BM_AppCtl_Drift)->Arg(0)->Arg(8)->UseRealTime();
 BENCHMARK(BM_AppCtl_StartLatency)->Arg(0)->Arg(1)->Arg(2)->Iterations(1)->UseManualTime();
+BENCHMARK(BM_Ungated_CacheHit)->Arg(0)->Threads(1)->UseRealTime();
+BENCHMARK(BM_Ungated_ProcessStart_Inventory)->Arg(0)->Threads(1)->UseRealTime();
+BENCHMARK(BM_CallGate_EnterLeave)->Threads(1)->Threads(2)->UseRealTime();
 
 }  // namespace
 
@@ -476,6 +553,11 @@ int main(int argc, char** argv) {
          "BM_AppCtl_StartLatency/0", 2},
         {"start p99 while another writer holds the lock vs idle", "BM_AppCtl_StartLatency/2",
          "BM_AppCtl_StartLatency/0", 2},
+        // What the call gate adds to the two hot paths: within 5%.
+        {"cache hit: app_ctl vs its steps without the gate", "BM_AppCtl_CacheHit/0" + one,
+         "BM_Ungated_CacheHit/0" + one, 1.05},
+        {"inventory start: app_ctl vs its steps without the gate", "BM_AppCtl_ProcessStart_Inventory/0" + one,
+         "BM_Ungated_ProcessStart_Inventory/0" + one, 1.05},
     };
     // The price of TRACE: the same case at mask 8 over mask 0 (reported, no bound).
     for (const char* name : {"BM_AppCtl_CacheHit", "BM_AppCtl_ProcessStart_Inventory",

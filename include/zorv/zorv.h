@@ -7,8 +7,15 @@
  *    padding mistake breaks our build, never the host.
  *  - Text is NUL-terminated UTF-16: wchar_t on Windows, char16_t elsewhere.
  *  - Every export returns a 32-bit status (AC_OK, AC_BLOCKED or AC_E_*).
- *  - app_ctl may be called from many threads at once; engine_stop must not
- *    overlap any other call.
+ *  - Any export may be called from many threads at once. engine_stop may
+ *    overlap other calls: it waits for those already running to return (at
+ *    most 60 s; past that it answers AC_E_FAILED and frees nothing), and from
+ *    the moment it begins every other export answers AC_E_NOT_STARTED until a
+ *    later engine_start. engine_start and engine_stop run one at a time.
+ *  - app_ctl answers AC_E_FAILED (decision 8) when no decision can be made:
+ *    the rule store could not be read, or the event carries no SHA-256 to
+ *    look up. The host applies its own failure policy; the metrics' "dbinfo"
+ *    says "StoreHealthy": false while the store cannot be read.
  */
 #ifndef ZORV_ZORV_H_
 #define ZORV_ZORV_H_

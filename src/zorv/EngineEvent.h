@@ -29,12 +29,14 @@ struct EngineEvent {
     uint64_t trustOrigin = 0;      // 4 when a trust rule accepted the event
     uint64_t recordTime = 0;       // drift scan: the record time
     uint64_t examined = 0;         // non-zero once drift trust has looked at the event
+    uint64_t rulesGeneration = 0;  // the rule store's rules generation when the event began
 
     uint8_t dirty = 0;
     uint8_t isExec = 0;
     uint8_t blockedByLockdown = 0;
     uint8_t copiedFlag74 = 0;
     uint8_t copiedFlag75 = 0;
+    uint8_t storeFault = 0;         // a lookup for this event could not read the rule store
 
     uint32_t action = 0;            // AC_DECISION_*
     uint32_t eventType = 0;         // AC_EVENT_* after abstraction

@@ -3,13 +3,16 @@
 // edge, because an exception must never unwind into the agent's process.
 #include "Zorv.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <new>
 
 #include <cjson/cJSON.h>
 
+#include "ZorvCallGate.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
@@ -27,11 +30,39 @@ constexpr char16_t kLogSource[] = u"src/zorv/Zorv";
 AppControlConfig g_config;
 
 // The library's engine pointer: the engine counts as started while it is set.
-// engine_start and engine_stop never overlap another export (the host's
-// promise); the atomic only makes the event threads' reads well defined.
 std::atomic<ZorvEngine*> g_engine{nullptr};
 
-ZorvEngine* Engine() { return g_engine.load(std::memory_order_acquire); }
+// Every export but engine_start and engine_stop passes the gate, so that a
+// stop waits for the calls still using the engine and turns the later ones
+// away: a host's shutdown path gets the order wrong sooner or later, and the
+// engine must not be freed under an event thread.
+CallGate g_calls;
+
+// engine_start and engine_stop run one at a time; a start that meets a stop
+// waits for it to finish.
+std::mutex g_lifecycle;
+
+// How long engine_stop waits for calls in flight. Every wait inside a call is
+// bounded, so only a host callback that never returns (or an import of
+// several gigabytes) runs into it; then the engine is left allocated rather
+// than freed under that call.
+constexpr std::chrono::seconds kStopWaitLimit{60};
+
+// One export's hold on the engine, for the length of the call: null when no
+// engine is started or a stop has begun.
+class EngineCall {
+public:
+    EngineCall()
+        : m_call(g_calls), m_engine(m_call.Admitted() ? g_engine.load(std::memory_order_acquire) : nullptr) {}
+    ZorvEngine* get() const { return m_engine; }
+    // False once a stop has begun: exports that can work without an engine
+    // must still not reach the rule store it is closing.
+    bool Admitted() const { return m_call.Admitted(); }
+
+private:
+    CallGate::Call m_call;
+    ZorvEngine* m_engine;
+};
 
 // Reports an escaped exception; must not throw itself.
 void LogEscaped(const char16_t* function, const char* what) noexcept {
@@ -60,7 +91,12 @@ uint32_t FromBool(bool ok) { return ok ? AC_OK : AC_E_FAILED; }
 // which reads back as all ones, the engine's "not known".
 bool ReadSettingValue(const std::u16string& name, uint64_t& value) {
     std::u16string text;
-    if (!ZorvDAL::Instance().GetAppControlState(name, text) || text.empty()) return false;
+    const ZorvDAL::SettingRead read = ZorvDAL::Instance().ReadAppControlState(name, text);
+    if (read == ZorvDAL::SettingRead::Failed) {
+        ZORV_LOG(kLogError, u"set_config", u"Unable to read setting %s; the value given stands", name);
+        return false;
+    }
+    if (read != ZorvDAL::SettingRead::Found || text.empty()) return false;
     const std::string narrow = Utf16ToUtf8(text);
     char* end = nullptr;
     const bool negative = narrow[0] == '-';
@@ -71,13 +107,15 @@ bool ReadSettingValue(const std::u16string& name, uint64_t& value) {
     return true;
 }
 
+// All ones ("not known") goes back as the "-1" the scripts seed.
 void WriteSettingValue(const std::u16string& name, uint64_t value) {
-    ZorvDAL::Instance().SetAppControlState(name, Format(u"%llu", value));
+    ZorvDAL::Instance().SetAppControlStateValue(name, value);
 }
 
 uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
     constexpr const char16_t* kFn = u"set_config";
-    if (Engine() == nullptr) return AC_E_NOT_STARTED;
+    const EngineCall engine;
+    if (engine.get() == nullptr) return AC_E_NOT_STARTED;
     AppControlConfig& config = g_config;
 
     if ((flags & AC_CONFIG_AUTO_AUTHORIZE) != 0) {
@@ -111,7 +149,16 @@ uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
 
     if ((flags & AC_CONFIG_LOCKDOWN) != 0) {
         std::u16string storedVersion;
-        if (!ZorvDAL::Instance().GetAppControlState(u"agentVersion", storedVersion)) storedVersion.clear();
+        const ZorvDAL::SettingRead read = ZorvDAL::Instance().ReadAppControlState(u"agentVersion", storedVersion);
+        if (read == ZorvDAL::SettingRead::Failed) {
+            // Taken as unchanged: an unreadable version is no upgrade, and
+            // "waiting for manifest" would let every block through.
+            ZORV_LOG(kLogError, kFn, u"Unable to read the stored agent version; taken as %s, unchanged",
+                     config.AgentVersion());
+            storedVersion = config.AgentVersion();
+        } else if (read == ZorvDAL::SettingRead::Absent) {
+            storedVersion.clear();
+        }
         if (storedVersion != config.AgentVersion()) {
             ZORV_LOG(kLogTrace, kFn,
                      u"Upgrade detected old version %s new version %s waiting for manifest to be applied",
@@ -136,7 +183,8 @@ uint32_t SetConfig(uint32_t flags, uint64_t start, uint64_t end) {
 
 uint32_t AppCtl(const AppCtlEvent* event, AppCtlResult* result) {
     if (event == nullptr) return AC_E_NULL_EVENT;
-    ZorvEngine* engine = Engine();
+    const EngineCall call;
+    ZorvEngine* engine = call.get();
     if (engine == nullptr) return AC_E_NOT_STARTED;
 
     uint32_t action;
@@ -154,11 +202,12 @@ uint32_t AppCtl(const AppCtlEvent* event, AppCtlResult* result) {
 
 uint32_t EngineStart(const EngineStartParams* params) {
     if (params == nullptr) return AC_E_NULL_PARAMS;
+    const std::lock_guard<std::mutex> lifecycle(g_lifecycle);
     if (ZorvLogger::Instance().InitLogger(params->logCallback, params->logLevel) != 0) return AC_E_LOGGER;
     ZorvDAL& dal = ZorvDAL::Instance();
     if (params->dbPath != nullptr && !dal.SetDBPath(FromHostText(params->dbPath))) return AC_E_INVALID_ARG;
     if (!dal.InitDB()) return AC_E_DB_OPEN;
-    if (Engine() != nullptr) return AC_OK;
+    if (g_engine.load(std::memory_order_acquire) != nullptr) return AC_OK;
 
     ZorvEngine* engine = nullptr;
     try {
@@ -173,14 +222,26 @@ uint32_t EngineStart(const EngineStartParams* params) {
 }
 
 uint32_t EngineStop() {
-    ZorvEngine* engine = Engine();
+    const std::lock_guard<std::mutex> lifecycle(g_lifecycle);
+    ZorvEngine* engine = g_engine.load(std::memory_order_acquire);
     if (engine == nullptr) return AC_OK;
+    // From here on every other export answers AC_E_NOT_STARTED; those already
+    // running finish first, so the hit counts below are complete too.
+    const bool drained = g_calls.CloseAndDrain(kStopWaitLimit);
+    g_engine.store(nullptr, std::memory_order_release);
+    if (!drained) {
+        ZORV_LOG(kLogError, u"engine_stop",
+                 u"%llu calls still running after %d seconds; the engine and the rule store are left as they are",
+                 g_calls.InFlight(), static_cast<int>(kStopWaitLimit.count()));
+        g_calls.Open();
+        return AC_E_FAILED;
+    }
     ZorvStats::Instance().WriteTrustRuleHitCounts();
     ZORV_LOG(kLogTrace, u"engine_stop", u"Engine Stop");
-    g_engine.store(nullptr, std::memory_order_release);
     delete engine;
     ZORV_LOG(kLogTrace, u"engine_stop", u"Shutting down DAL for AC Engine");
     ZorvDAL::Instance().Shutdown();
+    g_calls.Open();
     return AC_OK;
 }
 
@@ -232,6 +293,12 @@ using namespace zorv;
 extern "C" {
 
 ZORV_EXPORT uint32_t app_ctl(void* /*reserved*/, const AppCtlEvent* event, AppCtlResult* result) {
+    // Filled first, before anything can fail: whatever the status, the host
+    // never reads its own stale bytes back as a decision. Undecided is 8.
+    if (result != nullptr) {
+        std::memset(result, 0, sizeof *result);
+        result->action = AC_DECISION_ERROR;
+    }
     return Guarded(u"app_ctl", AC_E_FAILED, [&] { return AppCtl(event, result); });
 }
 
@@ -250,7 +317,8 @@ ZORV_EXPORT uint32_t set_config(uint32_t flags, uint64_t autoAuthorizeStartTime,
 
 ZORV_EXPORT uint32_t set_loglevel(uint32_t mask) {
     return Guarded(u"set_loglevel", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         ZorvLogger::Instance().SetLevel(mask);
         return AC_OK;
     });
@@ -258,11 +326,12 @@ ZORV_EXPORT uint32_t set_loglevel(uint32_t mask) {
 
 ZORV_EXPORT uint32_t set_ruleset(uint8_t append, const ZorvChar* path, const ZorvChar* name) {
     return Guarded(u"set_ruleset", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         if (path == nullptr) return AC_E_INVALID_ARG;
         // Cleared whether or not the import then succeeds: a half-applied
         // ruleset must not leave allow decisions of the old one behind.
-        Engine()->GetAllowCache().Clear();
+        engine.get()->GetAllowCache().Clear();
         return FromBool(ZorvDAL::Instance().ImportRuleset(append, FromHostText(path), FromHostText(name)));
     });
 }
@@ -271,8 +340,11 @@ ZORV_EXPORT uint32_t set_ruleset_buffer(uint8_t append, const ZorvChar* buffer, 
     return Guarded(u"set_ruleset_buffer", AC_E_FAILED, [&] {
         if (buffer == nullptr || name == nullptr) return AC_E_NULL_BUFFER;
         // No engine check here: the import itself needs only the rule store,
-        // and only an existing engine has a cache to forget.
-        if (ZorvEngine* engine = Engine()) engine->GetAllowCache().Clear();
+        // and only an existing engine has a cache to forget. A stop that has
+        // begun is closing that store, though.
+        const EngineCall engine;
+        if (!engine.Admitted()) return AC_E_NOT_STARTED;
+        if (engine.get() != nullptr) engine.get()->GetAllowCache().Clear();
         const std::string utf8 = Utf16ToUtf8(FromHostText(buffer));
         return FromBool(ZorvDAL::Instance().ImportRulesetBuffer(append, utf8, FromHostText(name)));
     });
@@ -280,7 +352,8 @@ ZORV_EXPORT uint32_t set_ruleset_buffer(uint8_t append, const ZorvChar* buffer, 
 
 ZORV_EXPORT uint32_t store_item(const InventoryItemRecord* item, uint8_t viaBuffer) {
     return Guarded(u"store_item", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         if (!ItemIsComplete(item)) return AC_E_ITEM_INCOMPLETE;
         ZorvDAL& dal = ZorvDAL::Instance();
         return FromBool((viaBuffer != 0 ? dal.StoreItemBuffer(*item) : dal.StoreItem(*item)) != 0);
@@ -291,7 +364,8 @@ ZORV_EXPORT uint32_t get_inventory(uint64_t afterItemId, uint64_t limit, uint32_
                                    const ZorvChar* scanUuid) {
     return Guarded(u"get_inventory", AC_E_FAILED, [&] {
         if (payloadPath == nullptr) return AC_E_INVALID_ARG;
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         const uint64_t floor = g_config.MaxInventoryItemId();
         const uint64_t after = afterItemId < floor ? floor : afterItemId;
         // A null scan id is taken as empty rather than read.
@@ -302,7 +376,8 @@ ZORV_EXPORT uint32_t get_inventory(uint64_t afterItemId, uint64_t limit, uint32_
 
 ZORV_EXPORT uint32_t get_metrics_mem(void* buffer, uint32_t* size) {
     return Guarded(u"get_metrics_mem", AC_E_FAILED, [&] {
-        ZorvEngine* engine = Engine();
+        const EngineCall call;
+        ZorvEngine* engine = call.get();
         if (engine == nullptr) return AC_E_NOT_STARTED;
         return ZorvStats::Instance().GetMetrics(buffer, size,
                                                 [engine](cJSON* metrics) { engine->GetAllowCache().AddMetrics(metrics); });
@@ -311,21 +386,24 @@ ZORV_EXPORT uint32_t get_metrics_mem(void* buffer, uint32_t* size) {
 
 ZORV_EXPORT uint32_t purge_db(uint32_t what) {
     return Guarded(u"purge_db", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         return FromBool(ZorvDAL::Instance().PurgeDB(what));
     });
 }
 
 ZORV_EXPORT uint32_t delete_db(void) {
     return Guarded(u"delete_db", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         return FromBool(ZorvDAL::Instance().DeleteDB());
     });
 }
 
 ZORV_EXPORT uint32_t flush_db_buffer(void) {
     return Guarded(u"flush_db_buffer", AC_E_FAILED, [&] {
-        if (Engine() == nullptr) return AC_E_NOT_STARTED;
+        const EngineCall engine;
+        if (engine.get() == nullptr) return AC_E_NOT_STARTED;
         ZorvDAL& dal = ZorvDAL::Instance();
         uint64_t stored = dal.StoreItemFlush();
         stored += dal.StoreTrustRuleFlush();

@@ -25,6 +25,15 @@ AllowCache::LookupCounters& AllowCache::ThisThreadsLookupCounters() {
 }
 
 uint32_t AllowCache::Add(const std::u16string& user, const std::u16string& process, const std::u16string& target) {
+    return Add(user, process, target, m_generation.load(kRelaxed));
+}
+
+bool AllowCache::Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target) {
+    return Contains(user, process, target, m_generation.load(kRelaxed));
+}
+
+uint32_t AllowCache::Add(const std::u16string& user, const std::u16string& process, const std::u16string& target,
+                         uint64_t generation) {
     // Read before locking: a concurrent Add may slip a few targets past the
     // limit, which is cheaper than making every addition test under the lock.
     if (m_targetCount.load(kRelaxed) >= kMaxTargets) {
@@ -38,10 +47,19 @@ uint32_t AllowCache::Add(const std::u16string& user, const std::u16string& proce
     // changes no counter, so skipping the exclusive path changes nothing.
     {
         std::shared_lock<SlottedSharedMutex> lock(m_mutex);
-        if (ContainsLocked(user, process, target)) return 0;
+        if (generation == m_generation.load(kRelaxed) && ContainsLocked(user, process, target)) return 0;
     }
 
     std::lock_guard<SlottedSharedMutex> lock(m_mutex);
+    const uint64_t current = m_generation.load(kRelaxed);
+    // Decided from rules that have since been replaced: not to be repeated.
+    if (generation < current) return 0;
+    if (generation > current) {
+        // What is here was allowed by the rules before: gone, counted as a
+        // clear unless an explicit one already emptied the cache.
+        if (!m_targets.empty()) ClearLocked();
+        m_generation.store(generation, kRelaxed);
+    }
     auto targetIt = m_targets.find(target);
     if (targetIt == m_targets.end()) {
         Processes processes;
@@ -79,10 +97,12 @@ bool AllowCache::ContainsLocked(const std::u16string& user, const std::u16string
     return processIt != targetIt->second.end() && processIt->second.count(user) != 0;
 }
 
-bool AllowCache::Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target) {
+bool AllowCache::Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target,
+                          uint64_t generation) {
     LookupCounters& counters = ThisThreadsLookupCounters();
     std::shared_lock<SlottedSharedMutex> lock(m_mutex);
-    const auto targetIt = m_targets.find(target);
+    // Entries of other rules than the caller's hold no answer for it.
+    const auto targetIt = generation == m_generation.load(kRelaxed) ? m_targets.find(target) : m_targets.end();
     if (targetIt == m_targets.end()) {
         Bump(counters.targetMiss);
         Bump(counters.miss);

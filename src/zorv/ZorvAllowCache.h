@@ -59,6 +59,17 @@ public:
     uint32_t Add(const std::u16string& user, const std::u16string& process, const std::u16string& target);
     // True when exactly this triple was added since the last clear.
     bool Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target);
+
+    // The same, for decisions made from the rule store's rules of one
+    // generation (ZorvDAL::RulesGeneration, read before the decision looked
+    // anything up). Entries belong to the newest generation the cache has
+    // seen: a lookup under a newer one finds nothing (and the next addition
+    // drops the old entries), and an addition under an older one is refused,
+    // so an allow decided from replaced rules is never answered from here.
+    uint32_t Add(const std::u16string& user, const std::u16string& process, const std::u16string& target,
+                 uint64_t generation);
+    bool Contains(const std::u16string& user, const std::u16string& process, const std::u16string& target,
+                  uint64_t generation);
     // Forgets every process and user known for the target. Always 0.
     uint32_t Remove(const std::u16string& target);
     // Empties the cache and zeroes every counter but the clear count.
@@ -113,6 +124,9 @@ private:
     // on every lookup.
     alignas(64) Targets m_targets;
     std::atomic<size_t> m_targetCount{0};  // m_targets.size(), readable without the lock
+    // The rules generation m_targets was filled under; changed only under the
+    // exclusive lock, atomic so that the three-argument calls may read it first.
+    std::atomic<uint64_t> m_generation{0};
     AtomicCounters m_counters;
     LookupCounters m_lookups[kLookupCounterSets];
 };

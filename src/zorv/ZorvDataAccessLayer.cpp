@@ -3,7 +3,10 @@
 #include "ZorvDataAccessLayer.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
@@ -28,12 +31,13 @@ constexpr const char* kConnectionPragmas[] = {
 };
 
 // Entry 0 builds version 4 from nothing; entry k raises version 3+k to 4+k.
-// Each script raises user_version before its own BEGIN, so a script that
-// fails part-way leaves the version already raised and the next open resumes
-// after it. Entry 9 is the only one that records a time.
+// Each script raises user_version inside its own transaction, so a step
+// commits its changes and its version together: a crash or a failure at any
+// point leaves the previous version whole, and the next open runs the step
+// again. Entry 9 is the only one that records a time.
 const std::vector<std::string>& Scripts() {
     static const std::vector<std::string> scripts = {
-        "PRAGMA page_size = 4096; PRAGMA user_version = 4; BEGIN TRANSACTION; CREATE TABLE InventoryItems( "
+        "PRAGMA page_size = 4096; BEGIN TRANSACTION; PRAGMA user_version = 4; CREATE TABLE InventoryItems( "
         "inventoryItemId INTEGER PRIMARY KEY AUTOINCREMENT, fileName TEXT, path TEXT, nativePath TEXT, md5 BLOB, "
         "sha1 BLOB, sha256 BLOB, size INTEGER, recordTime INTEGER, isAuthorized INTEGER(1), source INTEGER, "
         "ruleset TEXT ); CREATE INDEX InventoryItems_Sha256 ON InventoryItems(sha256); CREATE INDEX "
@@ -53,44 +57,44 @@ const std::vector<std::string>& Scripts() {
         "AppControlState.settingName = 'inventoryCookie'; CREATE INDEX AppControlState_settingName ON "
         "AppControlState(settingName); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 5; BEGIN TRANSACTION; CREATE TABLE TrustRules( trustRuleId INTEGER PRIMARY KEY "
+        "BEGIN TRANSACTION; PRAGMA user_version = 5; CREATE TABLE TrustRules( trustRuleId INTEGER PRIMARY KEY "
         "AUTOINCREMENT, processName TEXT, paths TEXT, trustType INTEGER, signerName TEXT, productName TEXT, "
         "companyName TEXT, sha256 BLOB ); DROP INDEX InventoryItems_fileName; COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 6; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD issuerCN TEXT; COMMIT TRANSACTION;",
+        "BEGIN TRANSACTION; PRAGMA user_version = 6; ALTER TABLE TrustRules ADD issuerCN TEXT; COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 7; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD issuerC TEXT; ALTER TABLE TrustRules "
+        "BEGIN TRANSACTION; PRAGMA user_version = 7; ALTER TABLE TrustRules ADD issuerC TEXT; ALTER TABLE TrustRules "
         "ADD issuerS TEXT; ALTER TABLE TrustRules ADD issuerL TEXT; ALTER TABLE TrustRules ADD issuerO TEXT; ALTER "
         "TABLE TrustRules ADD issuerOU TEXT; COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 8; BEGIN TRANSACTION; CREATE INDEX InventoryItems_Sha1 ON InventoryItems(sha1); "
+        "BEGIN TRANSACTION; PRAGMA user_version = 8; CREATE INDEX InventoryItems_Sha1 ON InventoryItems(sha1); "
         "CREATE INDEX InventoryItems_Md5 ON InventoryItems(md5); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 9; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD hitcount INTEGER DEFAULT 0; COMMIT "
+        "BEGIN TRANSACTION; PRAGMA user_version = 9; ALTER TABLE TrustRules ADD hitcount INTEGER DEFAULT 0; COMMIT "
         "TRANSACTION;",
 
-        "PRAGMA user_version = 10; BEGIN TRANSACTION; CREATE INDEX TrustRules_processName ON "
+        "BEGIN TRANSACTION; PRAGMA user_version = 10; CREATE INDEX TrustRules_processName ON "
         "TrustRules(processName); CREATE INDEX TrustRules_signerName ON TrustRules(signerName); COMMIT "
         "TRANSACTION;",
 
-        "PRAGMA user_version = 11; BEGIN TRANSACTION; CREATE INDEX InventoryItems_fileName ON "
+        "BEGIN TRANSACTION; PRAGMA user_version = 11; CREATE INDEX InventoryItems_fileName ON "
         "InventoryItems(fileName); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 12; BEGIN TRANSACTION; CREATE INDEX TrustRules_trustType ON TrustRules(trustType); "
+        "BEGIN TRANSACTION; PRAGMA user_version = 12; CREATE INDEX TrustRules_trustType ON TrustRules(trustType); "
         "ALTER TABLE TrustRules ADD ruleset TEXT; COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 13; BEGIN TRANSACTION; INSERT INTO AppControlState(settingName, settingValue) "
+        "BEGIN TRANSACTION; PRAGMA user_version = 13; INSERT INTO AppControlState(settingName, settingValue) "
         "VALUES('upgradetime', strftime('%s','now')); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 14; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD procUser TEXT; ALTER TABLE "
+        "BEGIN TRANSACTION; PRAGMA user_version = 14; ALTER TABLE TrustRules ADD procUser TEXT; ALTER TABLE "
         "TrustRules ADD procGroup TEXT; CREATE INDEX TrustRules_procUser ON TrustRules(procUser); CREATE INDEX "
         "TrustRules_procGroup ON TrustRules(procGroup); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 15; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD userList TEXT; CREATE INDEX "
+        "BEGIN TRANSACTION; PRAGMA user_version = 15; ALTER TABLE TrustRules ADD userList TEXT; CREATE INDEX "
         "TrustRules_userList ON TrustRules(userList); CREATE TABLE UserList( id TEXT, user TEXT ); CREATE INDEX "
         "UserList_id_user ON UserList(id, user); COMMIT TRANSACTION;",
 
-        "PRAGMA user_version = 16; BEGIN TRANSACTION; ALTER TABLE TrustRules ADD trustLevel INTEGER DEFAULT 0; "
+        "BEGIN TRANSACTION; PRAGMA user_version = 16; ALTER TABLE TrustRules ADD trustLevel INTEGER DEFAULT 0; "
         "COMMIT TRANSACTION;",
     };
     return scripts;
@@ -146,14 +150,43 @@ constexpr char kDeleteInventoryItemsSql[] =
 constexpr char kGetAcStateSql[] = "SELECT settingValue FROM AppControlState WHERE (settingName = :setting);";
 constexpr char kSetAcStateSql[] = "UPDATE AppControlState SET settingValue = :value WHERE (settingName = :setting);";
 
+// "20261124T031500Z": the moment a newer store was moved aside, in UTC.
+std::string UtcStamp() {
+    using namespace std::chrono;
+    const auto now = floor<seconds>(system_clock::now());
+    const auto day = floor<days>(now);
+    const year_month_day date(day);
+    const hh_mm_ss time(now - day);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d%02u%02uT%02d%02d%02dZ", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                  static_cast<int>(time.seconds().count()));
+    return text;
+}
+
+bool Exists(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::exists(path, error) || error;
+}
+
 void FinalizeStatement(sqlite3_stmt* stmt) { sqlite3_finalize(stmt); }
 void CloseConnection(sqlite3* db) { sqlite3_close_v2(db); }
 
 }  // namespace
 
 ZorvDAL& ZorvDAL::Instance() {
-    static ZorvDAL dal;
-    return dal;
+    // At exit the store still flushes its buffers and closes, but the host
+    // that would hear about it may already be tearing down: nothing is logged
+    // once the process-wide store is being destroyed.
+    struct ProcessStore {
+        ZorvDAL dal;
+        ~ProcessStore() { ZorvLogger::Instance().SetLevel(0); }
+    };
+    // Constructed first, so destroyed after the store.
+    ZorvLogger::Instance();
+    static ProcessStore store;
+    return store.dal;
 }
 
 const std::vector<std::string>& ZorvDAL::SchemaScripts() { return Scripts(); }
@@ -198,12 +231,18 @@ bool ZorvDAL::InitDB() {
 
 bool ZorvDAL::ExecSchema(sqlite3* db, size_t index) {
     char* error = nullptr;
-    const int rc = sqlite3_exec(db, m_schema[index].c_str(), nullptr, nullptr, &error);
+    int rc = sqlite3_exec(db, m_schema[index].c_str(), nullptr, nullptr, &error);
     if (rc != SQLITE_OK) {
         ZORV_LOG(kLogTrace, u"ZorvDAL::ExecSchema", u"schema script %d: %s", static_cast<int>(index),
                  error != nullptr ? error : "");
     }
     sqlite3_free(error);
+    // A script stops at its failing statement with its transaction open;
+    // nothing of the step may stay behind.
+    if (sqlite3_get_autocommit(db) == 0) {
+        sqlite3_exec(db, "ROLLBACK TRANSACTION;", nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) rc = SQLITE_ERROR;
+    }
     return rc == SQLITE_OK;
 }
 
@@ -213,7 +252,26 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         return PrepareStatements();
     }
     if (m_dbPath.empty()) m_dbPath = u"ac.db";
+    // A file opened anew is judged afresh: damage seen in the one before
+    // (or before its repair) says nothing about it.
+    ResetStoreHealth();
 
+    // A newer store is moved aside once and a fresh one opened in its place;
+    // a fresh store that reads as newer again is not chased further.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const OpenResult result = OpenAndMigrate(readOnly);
+        if (result == OpenResult::Newer) continue;
+        // A failed open leaves nothing open: the path can be changed and the
+        // next start tries again from the beginning.
+        if (result == OpenResult::Opened && PrepareStatements()) return true;
+        Finalize();
+        return false;
+    }
+    ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"The database at %s still reads as a newer version", m_dbPath);
+    return false;
+}
+
+ZorvDAL::OpenResult ZorvDAL::OpenAndMigrate(bool readOnly) {
     const std::string path = Utf16ToUtf8(m_dbPath);
     const int flags = readOnly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     sqlite3* raw = nullptr;
@@ -222,11 +280,11 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"sqlite3_open_v2 failed. rc: %d", rc);
         // SQLite hands out a handle even when the open fails; it must still be closed.
         sqlite3_close_v2(raw);
-        return false;
+        return OpenResult::Failed;
     }
     m_DB.reset(raw, CloseConnection);
-    // A raw pointer, not a copy of m_DB: a newer schema below deletes the file,
-    // and Finalize closes the connection only when it holds the last reference.
+    // A raw pointer, not a copy of m_DB: Finalize closes the connection only
+    // when it holds the last reference.
     sqlite3* db = raw;
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
 
@@ -244,13 +302,13 @@ bool ZorvDAL::_InitDB(bool readOnly) {
         if (rc != SQLITE_OK) {
             ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"PRAGMA user_version failed. rc: %d", rc);
             sqlite3_finalize(stmt);
-            return false;
+            return OpenResult::Failed;
         }
         rc = sqlite3_step(stmt);
         if (rc != SQLITE_ROW) {
             ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"Init or Update Schema failed. rc: %d", rc);
             sqlite3_finalize(stmt);
-            return false;
+            return OpenResult::Failed;
         }
         version = sqlite3_column_int(stmt, 0);
         sqlite3_finalize(stmt);
@@ -259,12 +317,12 @@ bool ZorvDAL::_InitDB(bool readOnly) {
     ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"Schema USER_VERSION defined in the code: %d", kSchemaVersion);
 
     if (version == 0) {
-        ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
+        ZORV_LOG(kLogInfo, u"ZorvDAL::_InitDB", u"SCHEMA SIZE: %d", static_cast<int>(m_schema.size()));
         for (size_t i = 0; i < m_schema.size(); ++i) {
             if (!ExecSchema(db, i)) {
                 ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"sqlite3_exec for schema size failed fro version 0. rc: %d",
                          sqlite3_errcode(db));
-                return false;
+                return OpenResult::Failed;
             }
         }
     } else if (version >= 4 && version < kSchemaVersion) {
@@ -272,20 +330,67 @@ bool ZorvDAL::_InitDB(bool readOnly) {
             if (!ExecSchema(db, i)) {
                 ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"sqlite3_exec for schema size failed. rc: %d",
                          sqlite3_errcode(db));
-                return false;
+                return OpenResult::Failed;
             }
         }
     } else if (version > kSchemaVersion) {
-        // A file from a newer engine cannot be read safely; it is rebuilt empty
-        // and the agent sends its rules again.
+        // A file from a newer engine cannot be read safely, and its rules are
+        // not ours to destroy: it is kept beside the path, and a fresh store
+        // starts as on a first install.
         ZORV_LOG(kLogError, u"ZorvDAL::_InitDB", u"Unsupported DB user_verson: %d. current version: %d", version,
                  kSchemaVersion);
-        _DeleteDB();
-        return _InitDB(readOnly);
+        Finalize();
+        if (m_DB || readOnly) return OpenResult::Failed;
+        return MoveAside(version) ? OpenResult::Newer : OpenResult::Failed;
     }
     // Versions 1 to 3 and negative ones are not known to the migration and
     // are used as they stand.
-    return PrepareStatements();
+    return OpenResult::Opened;
+}
+
+bool ZorvDAL::MoveAside(int version) {
+    constexpr const char16_t* kFn = u"ZorvDAL::MoveAside";
+    namespace fs = std::filesystem;
+    const fs::path file(m_dbPath);
+    const std::u16string stem = m_dbPath + Utf8ToUtf16(".v" + std::to_string(version) + "-" + UtcStamp());
+    // Two moves within one second must not overwrite the first.
+    std::u16string target = stem;
+    for (int n = 2; Exists(fs::path(target)) || Exists(fs::path(target + u"-wal")); ++n) {
+        if (n > 100) {
+            ZORV_LOG(kLogError, kFn, u"No free name to move the database at %s aside", m_dbPath);
+            return false;
+        }
+        target = stem + Utf8ToUtf16("-" + std::to_string(n));
+    }
+    std::error_code error;
+    fs::rename(file, fs::path(target), error);
+    if (error) {
+        ZORV_LOG(kLogError, kFn, u"Unable to move the version %d database at %s aside: %s", version, m_dbPath,
+                 error.message());
+        return false;
+    }
+    // The write-ahead log belongs to the moved file: left behind, it would be
+    // read into the fresh one.
+    const fs::path wal(m_dbPath + u"-wal");
+    if (Exists(wal)) {
+        fs::rename(wal, fs::path(target + u"-wal"), error);
+        if (error) {
+            ZORV_LOG(kLogError, kFn, u"Unable to move %s-wal aside: %s", m_dbPath, error.message());
+            std::error_code back;
+            fs::rename(fs::path(target), file, back);
+            return false;
+        }
+    }
+    // The shared-memory index is rebuilt from the log; one that stays behind
+    // is only removed.
+    const fs::path shm(m_dbPath + u"-shm");
+    if (Exists(shm)) {
+        fs::rename(shm, fs::path(target + u"-shm"), error);
+        if (error) fs::remove(shm, error);
+    }
+    ZORV_LOG(kLogWarning, kFn, u"The database at %s has version %d, newer than %d; moved aside to %s", m_dbPath,
+             version, kSchemaVersion, target);
+    return true;
 }
 
 bool ZorvDAL::PrepareStatements() {

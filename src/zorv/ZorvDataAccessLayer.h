@@ -65,6 +65,9 @@ struct UserListRecord {
 
 class ZorvDAL {
 public:
+    // The three write-behind buffers together hold at most this many rows.
+    static constexpr size_t kMaxBufferedRows = 100000;
+
     // What an import's name says the document is.
     enum class RulesetKind { ItemRuleset, TrustRuleset, AgentManifest };
 
@@ -98,7 +101,11 @@ public:
     // ---- Inventory lookup and trust rules (ZorvDataAccessLayerLookup.cpp) ----
 
     // True when the lookup ran to its end; the verdict is written into `event`.
+    // False when it could not look: then `event.storeFault` says whether the
+    // store was at fault (rather than the event, e.g. one without a SHA-256).
     bool IsAllowedInDB(EngineEvent& event);
+    // False both when no rule matches and when the rules could not be read;
+    // the second also sets `event.storeFault`.
     bool IsFoundInTrustRules(uint32_t trustType, EngineEvent& event);
     // Stores hitcount + 1 for the rule.
     bool UpdateHitcount(int32_t trustRuleId, int32_t hitcount);
@@ -128,6 +135,11 @@ public:
     bool StoreEventItem(EngineEvent& event);
     bool UpdatePrelinkItem(EngineEvent& event);
     bool DeleteInventoryItems(const EngineEvent& event);
+    // What a settings read found: a setting that is not stored is an answer,
+    // a store that could not be read is not.
+    enum class SettingRead { Found, Absent, Failed };
+    SettingRead ReadAppControlState(const std::u16string& settingName, std::u16string& value);
+    // True only when the setting was found.
     bool GetAppControlState(const std::u16string& settingName, std::u16string& value);
     bool SetAppControlState(const std::u16string& settingName, const std::u16string& value);
     bool SetAppControlStateValue(const std::u16string& settingName, uint64_t value);
@@ -136,6 +148,18 @@ public:
     // The SHA-256 a prelinked file had before it was rewritten; UpdatePrelinkItem
     // moves the row holding it to the event's new hash.
     void SetPrelinkOldHash(const SHA256Hash& hash);
+
+    // ---- Health and rules generation (ZorvDataAccessLayerLookup.cpp) ----
+
+    // False while the lookups cannot read the store. A store SQLite has called
+    // damaged stays unhealthy until it is opened again (a new start, or a
+    // deleted and recreated file); other faults clear at the next lookup that
+    // reads it whole.
+    bool StoreHealthy() const { return m_storeHealthy.load(std::memory_order_relaxed); }
+    // Raised each time new rules are committed. An allow decision remembers
+    // the value it started under, so that one made from the old rules cannot
+    // be cached once the new ones are in force.
+    uint64_t RulesGeneration() const { return m_rulesGeneration.load(std::memory_order_acquire); }
 
     // ---- Counts for the metrics document (ZorvDataAccessLayerMetrics.cpp) ----
 
@@ -153,8 +177,16 @@ public:
 
     // ---- Import and export (ZorvDataAccessLayerImport.cpp) ----
 
+    // The largest ruleset file an import reads (1 GiB): the whole document is
+    // held in memory while it is parsed.
+    static constexpr uint64_t kMaxRulesetBytes = uint64_t{1} << 30;
+    // Only a regular file is read, never through a link in its last
+    // component, and never a FIFO or device; larger than the limit is refused.
     bool ImportRuleset(uint8_t append, const std::u16string& path, const std::u16string& name);
     bool ImportRulesetBuffer(uint8_t append, const std::string& utf8, const std::u16string& name);
+    // Writes the page beside `payloadPath` and renames it over that name once
+    // whole; false, and nothing under the name, when it could not be written
+    // whole. A payload name held by anything but a regular file is refused.
     bool GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, const std::u16string& payloadPath,
                   const std::u16string& scanUuid);
     bool CollectTableMetadata(sqlite3* db, const std::string& table, std::vector<std::string>& statements,
@@ -171,7 +203,14 @@ private:
     friend struct ZorvDALTestPeer;
 
     // ZorvDataAccessLayer.cpp
+    enum class OpenResult { Opened, Failed, Newer };
     bool _InitDB(bool readOnly);
+    // One open: the connection, its settings and the migration. Newer means
+    // the file was of a newer schema and has been moved aside.
+    OpenResult OpenAndMigrate(bool readOnly);
+    // Renames the closed file (and its -wal and -shm) beside itself, with the
+    // version and the UTC time in the name.
+    bool MoveAside(int version);
     bool PrepareStatements();
     void Finalize();
     bool _DeleteDB();
@@ -193,6 +232,14 @@ private:
     // Reads the trust rules into memory again after a change to their tables.
     void ReloadTrustRulesInternal();
     bool UpdateHitcountInternal(int32_t trustRuleId, int32_t hitcount);
+    // A lookup that read the store to its end, and one that could not: the
+    // health changes, and its ERROR line, happen here, once per change.
+    void NoteStoreAnswered();
+    void NoteStoreFault(const char16_t* function, int rc, const std::u16string& reason);
+    // A store opened anew starts healthy.
+    void ResetStoreHealth();
+    // Called once an import's transaction has committed.
+    void NoteRulesCommitted() { m_rulesGeneration.fetch_add(1, std::memory_order_release); }
 
     // ZorvDataAccessLayerStore.cpp
     uint64_t StoreItemInternal(const EngineEvent& event, bool tempTable);
@@ -203,14 +250,19 @@ private:
     void StoreEventItemNow(EngineEvent& event);
     uint64_t StoreUserListInternal(const UserListRecord& entry, bool tempTable);
     uint64_t StoreUserListFlushInternal();
+    size_t PendingRowsInternal() const;
+    template <typename Record, typename Flush>
+    uint64_t AppendBuffered(std::deque<Record>& buffer, const Record& record, const char16_t* function, Flush flush);
 
     // ZorvDataAccessLayerImport.cpp
     bool ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const std::u16string& name);
     bool PrepareImportStatement(sqlite3* db, Statement& stmt, const char* sql, const char16_t* sqlName);
     bool ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                          const std::u16string& name, std::string& error);
+                          const std::u16string& name, uint64_t& rowCount, std::string& error);
     bool ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                         const std::u16string& name, std::vector<std::string>& itemMetadata, std::string& error);
+                         const std::u16string& name, std::vector<std::string>& itemMetadata, uint64_t& rowCount,
+                         std::string& error);
+    bool ImportRowFailed(sqlite3* db, uint64_t rowId, std::string& error) const;
     void GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
                                 const std::u16string& payloadPath, const std::u16string& scanUuid);
     void GetItemSourceTrustRule(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
@@ -227,6 +279,9 @@ private:
     std::deque<EngineEvent> m_pendingItems;
     std::deque<TrustRuleRecord> m_pendingTrustRules;
     std::deque<UserListRecord> m_pendingUserLists;
+    // What the last insert of the three Internal store operations ended with
+    // (SQLITE_OK when it stored its row); guarded by the database lock.
+    int m_lastInsertRc = SQLITE_OK;
 
     Statement m_pInsertItemStmt;
     Statement m_pInsertTrustRuleStmt;
@@ -267,6 +322,11 @@ private:
     std::atomic<int64_t> m_sha1RuleCount{0};
     std::atomic<int64_t> m_md5RuleCount{0};
     bool m_shutDown = false;  // Shutdown ran; the destructor must not repeat it
+
+    // Store health: read by the metrics without the lock, changed by lookups.
+    std::atomic<bool> m_storeHealthy{true};
+    std::atomic<bool> m_storeDamaged{false};  // SQLite reported corruption; kept until reopened
+    std::atomic<uint64_t> m_rulesGeneration{0};
 
     // The writes decisions ask for, done beside them; running while the store
     // is open. Last, so that it is gone before anything its tasks use.

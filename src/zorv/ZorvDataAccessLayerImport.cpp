@@ -30,6 +30,7 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvWildcard.h"
 #include "ZorvUtilWindows.h"
 #include "platform/Platform.h"
 
@@ -67,12 +68,36 @@ ZorvDAL::RulesetKind KindOf(const std::u16string& loweredName) {
 }
 
 // sqlite3_exec with its message taken over; "unknown error" stands in when
-// SQLite gave none, so every failure line says something.
+// SQLite gave none, so every failure line says something. For BEGIN, END and
+// ROLLBACK.
+int ExecControl(sqlite3* db, const std::string& sql, std::string& error) {
+    char* message = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message);
+    if (rc != SQLITE_OK) error = message != nullptr ? message : "unknown error";
+    sqlite3_free(message);
+    return rc;
+}
+
+constexpr char kTransactionLost[] = "the import's transaction was rolled back";
+
+// A statement of the import's transaction. Nothing runs once SQLite has
+// rolled the transaction back by itself, and a statement that succeeded
+// after such a rollback (in autocommit) counts as failed: the rest of the
+// import must not go on and commit piece by piece.
 int Exec(sqlite3* db, const std::string& sql, std::string& error,
          int (*callback)(void*, int, char**, char**) = nullptr, void* context = nullptr) {
+    if (dal::TransactionLost(db)) {
+        error = kTransactionLost;
+        return SQLITE_ABORT;
+    }
     char* message = nullptr;
-    const int rc = sqlite3_exec(db, sql.c_str(), callback, context, &message);
-    if (rc != SQLITE_OK) error = message != nullptr ? message : "unknown error";
+    int rc = sqlite3_exec(db, sql.c_str(), callback, context, &message);
+    if (rc != SQLITE_OK) {
+        error = message != nullptr ? message : "unknown error";
+    } else if (dal::TransactionLost(db)) {
+        error = kTransactionLost;
+        rc = SQLITE_ABORT;
+    }
     sqlite3_free(message);
     return rc;
 }
@@ -168,9 +193,11 @@ std::string_view ParseErrorText() {
 }
 
 // Parses a ruleset; null (and logged) when it does not parse or is not an
-// object. Inside the object every value is taken as it comes.
+// object. Inside the object every value is taken as it comes. Text after the
+// object is refused too: cJSON_Parse would stop at the closing brace and call
+// "{...} and more" a ruleset, so a truncated or doubled document could pass.
 JsonPtr ParseRuleset(const char* text) {
-    JsonPtr document(cJSON_Parse(text));
+    JsonPtr document(cJSON_ParseWithOpts(text, nullptr, /*require_null_terminated=*/1));
     if (!document) {
         ZORV_LOG(kLogError, kImportFn, u"Ruleset parse error");
         const std::string_view where = ParseErrorText();
@@ -400,10 +427,18 @@ bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const st
         ZORV_LOG(kLogError, kFn, u"Couldn't create payload");
         return false;
     }
+    // The size of the file actually opened, not of whatever the path named a
+    // moment ago; the limit keeps one file from taking the agent's memory.
+    const uint64_t size = reader.Size();
+    if (size > kMaxRulesetBytes) {
+        ZORV_LOG(kLogError, kFn, u"Ruleset file %s is %llu bytes, more than the limit of %llu, refused", path, size,
+                 kMaxRulesetBytes);
+        return false;
+    }
     // std::string keeps a NUL after its last byte, where the parser stops.
     std::string text;
     try {
-        text.resize(static_cast<size_t>(status.size));
+        text.resize(static_cast<size_t>(size));
     } catch (const std::exception&) {
         ZORV_LOG(kLogError, kFn, u"Memory initialization failure\n");
         return false;
@@ -453,12 +488,6 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
         ZORV_LOG(kLogTrace, kImportFn, u"Manifest applied to version %s", config.AgentVersion());
         config.SetManifestApplied(true);
     }
-    if (append == 0) {
-        const char16_t* prefix = kind == RulesetKind::AgentManifest  ? u""
-                                 : kind == RulesetKind::TrustRuleset ? u"trust"
-                                                                     : u"ruleset";
-        stats.ClearCounters(CounterCategory::Rulesets, prefix);
-    }
 
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer lock");
     std::lock_guard<std::mutex> lock(m_dbLock);
@@ -471,34 +500,61 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     }
 
     std::string error;
-    bool ok = Exec(db, "BEGIN IMMEDIATE TRANSACTION", error) == SQLITE_OK;
+    // Rows the document brought, counted as they are stored; the ruleset
+    // counters take the number only once the rows are committed.
+    uint64_t rowCount = 0;
+    bool ok = ExecControl(db, "BEGIN IMMEDIATE TRANSACTION", error) == SQLITE_OK;
     if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to begin transaction for ruleset import");
-    if (ok && kind != RulesetKind::ItemRuleset) ok = ImportTrustPhase(db, append, kind, *document, name, error);
+    if (ok && kind != RulesetKind::ItemRuleset) {
+        ok = ImportTrustPhase(db, append, kind, *document, name, rowCount, error);
+    }
     if (ok && kind != RulesetKind::TrustRuleset) {
         std::vector<std::string> itemMetadata;
-        ok = ImportItemPhase(db, append, kind, *document, name, itemMetadata, error);
+        ok = ImportItemPhase(db, append, kind, *document, name, itemMetadata, rowCount, error);
         // Every row is in the temporary table: the tree is not needed any more,
         // and the index builds of the swap are the import's hungriest step.
         document.reset();
         ok = ok && SwapTempTableToOriginal(db, "InventoryItems", itemMetadata, error);
     }
-    if (ok) {
-        ok = Exec(db, "END TRANSACTION;", error) == SQLITE_OK;
-        if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", error);
+    if (ok && dal::TransactionLost(db)) {
+        ok = false;
+        ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", kTransactionLost);
     }
     if (ok) {
-        const int rc = sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_FULL, nullptr, nullptr);
-        ok = rc == SQLITE_OK;
-        if (!ok) ZORV_LOG(kLogError, kImportFn, u"Failed to checkpoint database: %s", sqlite3_errmsg(db));
+        ok = ExecControl(db, "END TRANSACTION;", error) == SQLITE_OK;
+        if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", error);
+        // The new rules are in force from here: no allow decided from the old
+        // ones may be cached any more (see AllowCache).
+        if (ok) NoteRulesCommitted();
     }
     if (!ok) {
-        if (Exec(db, "ROLLBACK TRANSACTION;", error) != SQLITE_OK) {
+        // A failed statement may have ended the transaction already (SQLite
+        // rolls back by itself on a full disk or an I/O error).
+        if (!dal::TransactionLost(db) && ExecControl(db, "ROLLBACK TRANSACTION;", error) != SQLITE_OK) {
             ZORV_LOG(kLogError, kImportFn, u"Unable to rollback transaction for ruleset import: %s", error);
         }
+        ZORV_LOG(kLogError, kImportFn, u"Ruleset %s was not imported; the rules in force are unchanged", name);
         ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer unlock");
         return false;
     }
 
+    // Committed: the new rules are in force whatever follows. A checkpoint
+    // that fails leaves them in the write-ahead log, where every reader and
+    // the next open find them.
+    if (sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_FULL, nullptr, nullptr) != SQLITE_OK) {
+        ZORV_LOG(kLogWarning, kImportFn, u"Failed to checkpoint database: %s", sqlite3_errmsg(db));
+    }
+    if (kind == RulesetKind::TrustRuleset) {
+        // Set even when the document held no rules; no import ever clears it.
+        m_trustRulesEnabled = true;
+    }
+    if (append == 0) {
+        const char16_t* prefix = kind == RulesetKind::AgentManifest  ? u""
+                                 : kind == RulesetKind::TrustRuleset ? u"trust"
+                                                                     : u"ruleset";
+        stats.ClearCounters(CounterCategory::Rulesets, prefix);
+    }
+    stats.SetCounter(CounterCategory::Rulesets, name, rowCount);
     if (kind != RulesetKind::ItemRuleset) ReloadTrustRulesInternal();
     // Only item rows carry MD5 and SHA-1 rules, and a trust ruleset leaves
     // InventoryItems as it was: recounting would scan it for nothing.
@@ -516,6 +572,23 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     return true;
 }
 
+// Whether a row that the import could not store ends the import: it does
+// when the store failed (the disk, a lock, the transaction gone), not when
+// the row itself cannot be stored.
+bool ZorvDAL::ImportRowFailed(sqlite3* db, uint64_t rowId, std::string& error) const {
+    if (rowId == 0 && !dal::IsRowFault(m_lastInsertRc)) {
+        error = sqlite3_errmsg(db);
+        ZORV_LOG(kLogError, kImportFn, u"Unable to store a row of the ruleset (%d): %s", m_lastInsertRc, error);
+        return true;
+    }
+    if (dal::TransactionLost(db)) {
+        error = kTransactionLost;
+        ZORV_LOG(kLogError, kImportFn, u"Unable to store a row of the ruleset: %s", error);
+        return true;
+    }
+    return false;
+}
+
 bool ZorvDAL::PrepareImportStatement(sqlite3* db, std::shared_ptr<sqlite3_stmt>& stmt, const char* sql,
                                      const char16_t* sqlName) {
     if (stmt) return true;
@@ -530,7 +603,7 @@ bool ZorvDAL::PrepareImportStatement(sqlite3* db, std::shared_ptr<sqlite3_stmt>&
 }
 
 bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                               const std::u16string& name, std::string& error) {
+                               const std::u16string& name, uint64_t& rowCount, std::string& error) {
     const bool trustRuleset = kind == RulesetKind::TrustRuleset;
     const bool keepRows = append != 0 && trustRuleset;  // a manifest always empties both tables
     if (trustRuleset) {
@@ -552,12 +625,10 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
         return false;
     }
     if (trustRuleset) {
-        ZorvStats& stats = ZorvStats::Instance();
-        stats.SetCounter(CounterCategory::Rulesets, name, 0);
         const std::u16string ruleset = ToLower(name);
         TrustRuleRecord rule;
         for (const cJSON* element = FirstChild(&document, "Trustrules"); element != nullptr; element = element->next) {
-            stats.IncrementCounter(CounterCategory::Rulesets, name);
+            ++rowCount;
             // A non-object element has no keys: it yields a rule with every field empty.
             SetText(element, "processName", rule.processName);
             SetText(element, "paths", rule.paths);
@@ -573,8 +644,18 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
             SetLoweredText(element, "group", rule.procGroup);
             SetLoweredText(element, "userList", rule.userList);
             rule.ruleset = ruleset;
-            // A rule that cannot be stored is logged there and does not stop the import.
-            StoreTrustRuleInternal(rule, true);
+            // Matching cost grows with a pattern's length, and every event pays
+            // it for every rule: a longer pattern is refused like any bad row.
+            if (!WildcardPattern::Fits(rule.processName) || !WildcardPattern::Fits(rule.paths)) {
+                const std::u16string& pattern = WildcardPattern::Fits(rule.processName) ? rule.paths : rule.processName;
+                ZORV_LOG(kLogWarning, kImportFn,
+                         u"Trust rule skipped: pattern of %u units is longer than %u: %s...", pattern.size(),
+                         WildcardPattern::kMaxPatternUnits,
+                         std::u16string_view(pattern).substr(0, WildcardPattern::kMaxPatternUnits));
+                continue;
+            }
+            // A rule that cannot be stored is logged there; only a failing store stops the import.
+            if (ImportRowFailed(db, StoreTrustRuleInternal(rule, true), error)) return false;
         }
     }
 
@@ -601,11 +682,9 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
             for (const cJSON* user = users->child; user != nullptr; user = user->next) {
                 if (!cJSON_IsString(user) || user->valuestring == nullptr) continue;
                 entry.user = Utf8ToUtf16(user->valuestring);
-                StoreUserListInternal(entry, true);
+                if (ImportRowFailed(db, StoreUserListInternal(entry, true), error)) return false;
             }
         }
-        // Set even when the document held no rules; no import ever clears it.
-        m_trustRulesEnabled = true;
     }
 
     return SwapTempTableToOriginal(db, "TrustRules", trustMetadata, error) &&
@@ -614,7 +693,7 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
 
 bool ZorvDAL::ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
                               const std::u16string& name, std::vector<std::string>& itemMetadata,
-                              std::string& error) {
+                              uint64_t& rowCount, std::string& error) {
     ZORV_LOG(kLogTrace, kImportFn, u"Importing item ruleset into db: %s", name);
     if (!CollectTableMetadata(db, "InventoryItems", itemMetadata, error)) return false;
     // Views on InventoryItems (Items among them) are filed under their own
@@ -658,23 +737,21 @@ bool ZorvDAL::ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, con
         }
     }
 
-    ZorvStats& stats = ZorvStats::Instance();
-    stats.SetCounter(CounterCategory::Rulesets, name, 0);
     // One record reused for every element: an EngineEvent is large, and only
     // the fields below are set by an import.
     EngineEvent item;
     item.source = kind == RulesetKind::AgentManifest ? AC_SOURCE_AGENT_RULES : AC_SOURCE_EXECUTION_RULES;
     item.ruleset = name;
     for (const cJSON* element = FirstChild(&document, "rules"); element != nullptr; element = element->next) {
-        stats.IncrementCounter(CounterCategory::Rulesets, name);
+        ++rowCount;
         SetText(element, "fileName", item.fileName);
         SetHash(element, "sha256", item.fileSha256);
         SetHash(element, "sha1", item.fileSha1);
         SetHash(element, "md5", item.fileMd5);
         item.size = static_cast<uint64_t>(static_cast<int64_t>(IntegerOf(element, "size")));
         item.isAuthorized = AuthorizedStateOf(element);
-        // An item that cannot be stored is logged there and does not stop the import.
-        StoreItemInternal(item, true);
+        // An item that cannot be stored is logged there; only a failing store stops the import.
+        if (ImportRowFailed(db, StoreItemInternal(item, true), error)) return false;
     }
     return true;
 }
@@ -811,9 +888,20 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         return false;
     }
 
+    // The page is written beside the payload's name and renamed over it only
+    // once whole, so the host never reads a cut page as a short one. Neither
+    // name is ever written through: the payload's must be free or a regular
+    // file, and the one beside it is created afresh.
+    if (platform::KindOfEntry(payloadPath) == platform::EntryKind::Other) {
+        ZORV_LOG(kLogError, kFn, u"Payload %s is not a regular file, refused", payloadPath);
+        ZORV_LOG(kLogTrace, kFn, u"GetItems unlock");
+        return false;
+    }
+    const std::u16string partialPath = payloadPath + u".partial";
+    platform::RemoveFile(partialPath);
     bool result = true;
     platform::FileWriter payload;
-    if (!payload.Open(payloadPath)) {
+    if (!payload.Open(partialPath)) {
         ZORV_LOG(kLogError, kFn, u"Couldn't create Payload");
         result = false;
     } else {
@@ -823,14 +911,21 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         } else {
             GetItemSourceInventory(payload, stmt.get(), rc, payloadPath, scanUuid);
         }
-        if (rc == SQLITE_DONE) {
-            payload.Close();
-        } else if (rc != SQLITE_ROW) {
+        if (rc != SQLITE_DONE && rc != SQLITE_ROW) {
             // The page would look merely short, and the agent would stop paging
             // as if it had read everything.
             ZORV_LOG(kLogError, kFn, u"DAL Error%s\n", GetErrorString());
             result = false;
         }
+        // A failed write closed the writer and is logged where it happened.
+        if (payload.Error() != 0) result = false;
+        payload.Close();
+        uint32_t error = 0;
+        if (result && !platform::ReplaceFile(partialPath, payloadPath, error)) {
+            ZORV_LOG(kLogError, kFn, u"Unable to move the page to payload %s, error %u", payloadPath, error);
+            result = false;
+        }
+        if (!result) platform::RemoveFile(partialPath);
     }
     ZORV_LOG(kLogTrace, kFn, u"GetItems unlock");
     sqlite3_reset(stmt.get());

@@ -146,13 +146,15 @@ bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
 }  // namespace
 
 bool ZorvDAL::WildcardMatch(std::u16string_view text, std::u16string_view pattern) {
-    if (text == pattern) return true;
-    return WildcardPattern(pattern).Matches(text);
+    return WildcardPattern::CompileOne(pattern).Match(text);
 }
 
 bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string patterns) {
     ToLowerInPlace(text);
     ToLowerInPlace(patterns);
+    if (!WildcardPattern::CompileList(patterns).Match(text)) return false;
+    // The whole list is matched in one pass; naming the pattern that matched
+    // takes a second look, paid only once a rule has matched.
     size_t start = 0;
     while (start <= patterns.size()) {
         size_t end = patterns.find(u';', start);
@@ -161,11 +163,59 @@ bool ZorvDAL::MatchEventPathWithRulePath(std::u16string text, std::u16string pat
         if (!pattern.empty() && WildcardMatch(text, pattern)) {
             ZORV_LOG(kLogTrace, u"ZorvDAL::MatchEventPathWithRulePath",
                      u"Match found between event path [%s] and rule path [%s]", text, pattern);
-            return true;
+            break;
         }
         start = end + 1;
     }
-    return false;
+    return true;
+}
+
+// ---- Store health ----
+
+namespace {
+
+// SQLite's word that the file itself is bad, as opposed to busy or short of
+// a resource for the moment.
+bool IsDamage(int rc) {
+    const int primary = rc & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+// A step that neither found a row nor finished did not look.
+bool StepFailed(int rc) { return rc != SQLITE_ROW && rc != SQLITE_DONE; }
+
+// The text GetErrorString gives, for the connection a lookup used.
+std::u16string ErrorText(sqlite3* db) {
+    const char* text = sqlite3_errstr(db != nullptr ? sqlite3_errcode(db) : -1);
+    return Utf8ToUtf16(text != nullptr ? text : "");
+}
+
+}  // namespace
+
+void ZorvDAL::ResetStoreHealth() {
+    m_storeDamaged.store(false, std::memory_order_relaxed);
+    m_storeHealthy.store(true, std::memory_order_relaxed);
+}
+
+void ZorvDAL::NoteStoreAnswered() {
+    if (m_storeHealthy.load(std::memory_order_relaxed) || m_storeDamaged.load(std::memory_order_relaxed)) return;
+    if (!m_storeHealthy.exchange(true, std::memory_order_relaxed)) {
+        ZORV_LOG(kLogError, u"ZorvDAL::NoteStoreAnswered",
+                 u"The rule store answers again; execution decisions are made from it");
+    }
+}
+
+void ZorvDAL::NoteStoreFault(const char16_t* function, int rc, const std::u16string& reason) {
+    if (IsDamage(rc)) m_storeDamaged.store(true, std::memory_order_relaxed);
+    // Once per change of health, not once per event: a damaged store would
+    // otherwise write a line for every process start on the machine.
+    if (m_storeHealthy.exchange(false, std::memory_order_relaxed)) {
+        ZORV_LOG(kLogError, function,
+                 u"The rule store cannot answer (%s, rc %d); execution decisions fail until it does%s", reason, rc,
+                 m_storeDamaged.load(std::memory_order_relaxed) ? u", and a damaged file until it is replaced" : u"");
+    } else {
+        ZORV_LOG(kLogTrace, function, u"The rule store cannot answer (%s, rc %d)", reason, rc);
+    }
 }
 
 // ---- Inventory lookup ----
@@ -197,31 +247,40 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc,
                                                 const ZorvReadConnections::Lookups& lookups) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBSearch";
     rc = SQLITE_ERROR;
-    if (!lookups.db) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+    // Each way the search can fail to look: the verdict stays "not known" and
+    // the event learns that the store, not the event, was at fault.
+    const auto fault = [&](int code, const std::u16string& reason) -> Statement {
         event.dbVerdict = AC_DB_NOT_KNOWN;
+        event.storeFault = 1;
+        rc = code;
+        NoteStoreFault(kFunction, code, reason);
         return {};
-    }
+    };
+    if (!lookups.db) return fault(SQLITE_MISUSE, u"m_DB is released");
+    // What SQLite called damaged is not read again until the file is replaced:
+    // an answer from the pages it did not trip over could still be wrong.
+    if (m_storeDamaged.load(std::memory_order_relaxed)) return fault(SQLITE_CORRUPT, u"damaged file");
 
     // 1. Ruleset rows (sources 1 and 2) by SHA-256 and size.
     Statement ruleset = lookups.ruleset;
-    if (!ruleset) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthRulesetStmt is released");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
-        return {};
-    }
+    if (!ruleset) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthRulesetStmt is released");
     if (!event.fileSha256.IsSet()) {
         ZORV_LOG(kLogError, kFunction, u"SHA256 value is empty, unable to create query");
         return {};
     }
     if (!BindSizeAndHash(ruleset.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
         sqlite3_clear_bindings(ruleset.get());
-        return {};
+        return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query");
     }
     rc = sqlite3_step(ruleset.get());
     if (rc == SQLITE_ROW) return ruleset;
+    if (StepFailed(rc)) {
+        // Falling through to the next query would let a row of a lower rank
+        // answer for a ruleset row the store could not read.
+        ResetStatement(ruleset.get());
+        return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
+    }
     ZORV_LOG(kLogTrace, kFunction,
              u"Did not find sha256 match with source=2 or source=1. Checking for sha1 or md5 match");
     ResetStatement(ruleset.get());
@@ -233,55 +292,45 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc,
     if (sha1Rules != 0 && event.fileSha1.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of sha1 rules is: %d", sha1Rules);
         Statement sha1 = lookups.sha1;
-        if (!sha1) {
-            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateSHA1HashStmt is released");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
-            return {};
-        }
+        if (!sha1) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateSHA1HashStmt is released");
         if (!BindDigest(sha1.get(), ":sha1", event.fileSha1)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from sha1");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
             sqlite3_clear_bindings(sha1.get());
-            return {};
+            return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query from sha1");
         }
         rc = sqlite3_step(sha1.get());
         if (rc == SQLITE_ROW) return sha1;
         ResetStatement(sha1.get());
+        if (StepFailed(rc)) return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
     }
     const int64_t md5Rules = m_md5RuleCount;
     if (md5Rules != 0 && event.fileMd5.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of md5 rules is: %d", md5Rules);
         Statement md5 = lookups.md5;
-        if (!md5) {
-            ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAlternateMD5HashStmt is released");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
-            return {};
-        }
+        if (!md5) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateMD5HashStmt is released");
         if (!BindDigest(md5.get(), ":md5", event.fileMd5)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from md5");
-            event.dbVerdict = AC_DB_NOT_KNOWN;
             sqlite3_clear_bindings(md5.get());
-            return {};
+            return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query from md5");
         }
         rc = sqlite3_step(md5.get());
         if (rc == SQLITE_ROW) return md5;
         lastUsed = md5.get();
+        if (StepFailed(rc)) {
+            ResetStatement(lastUsed);
+            return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
+        }
     }
     ZORV_LOG(kLogTrace, kFunction, u"Did not find item with source=2 or source=1.");
     if (lastUsed != nullptr) ResetStatement(lastUsed);
 
     // 4. Any row by SHA-256 and size.
     Statement any = lookups.any;
-    if (!any) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupItemAuthStmt is released");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
-        return {};
-    }
+    if (!any) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthStmt is released");
     if (!BindSizeAndHash(any.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        event.dbVerdict = AC_DB_NOT_KNOWN;
         sqlite3_clear_bindings(any.get());
-        return {};
+        return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query");
     }
     rc = sqlite3_step(any.get());
     return any;
@@ -327,9 +376,13 @@ bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event, const ZorvReadConnection
         rc = sqlite3_step(row);
     }
     if (rc != SQLITE_DONE) {
-        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", sqlite3_errstr(sqlite3_errcode(lookups.db.get())));
+        // What the loop wrote came from a read that did not finish: no verdict.
+        event.dbVerdict = AC_DB_NOT_KNOWN;
+        event.storeFault = 1;
+        NoteStoreFault(kFunction, rc, u"DAL Error" + ErrorText(lookups.db.get()));
         return false;
     }
+    NoteStoreAnswered();
     if (!read) {
         event.dbVerdict = AC_DB_NOT_KNOWN;
         event.isAuthorized = AC_REASON_NONE;
@@ -424,11 +477,14 @@ bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
     TrustQuery query;
     const bool known = CollectTrustAttributes(trustType, event, query);
     ZorvTrustRuleSet::Hit hit;
-    const ZorvTrustRuleSet::Answer answer =
-        known ? m_trustRuleSet.Find(query, event.name, hit) : ZorvTrustRuleSet::Answer::NotLoaded;
+    // A store SQLite called damaged answers nothing, from memory either: the
+    // statement's path says so and marks the event.
+    const ZorvTrustRuleSet::Answer answer = known && !m_storeDamaged.load(std::memory_order_relaxed)
+                                                ? m_trustRuleSet.Find(query, event.name, hit)
+                                                : ZorvTrustRuleSet::Answer::NotLoaded;
     if (answer == ZorvTrustRuleSet::Answer::NotLoaded) {
-        // Closed, or the rules could not be read: the statement answers (and
-        // says why it cannot), under the database lock as before.
+        // Closed, damaged, or the rules could not be read: the statement
+        // answers (and says why it cannot), under the database lock as before.
         if (!known && m_trustRuleSet.IsLoaded()) {
             ZORV_LOG(kLogWarning, u"ZorvDAL::IsFoundInTrustRulesInternal", u"Unknown trust rule type");
             return false;
@@ -442,8 +498,8 @@ bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
     }
     event.trustOrigin = kTrustOriginTrustRule;
     if (hit.hasRuleset) event.ruleset = std::move(hit.ruleset);
-    // Only the first hit is stored here; the true count lives in the
-    // statistics and is written back in bulk when the engine stops.
+    // Only the first hit is stored here, beside the decision; the true count
+    // lives in the statistics and is written back in bulk when the engine stops.
     if (hit.firstHit) {
         m_writeBehind.Post([this, id = hit.trustRuleId] {
             std::lock_guard<std::mutex> lock(m_dbLock);
@@ -456,15 +512,16 @@ bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
 
 bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRulesInternal";
-    if (!m_DB) {
-        ZORV_LOG(kLogError, kFunction, u"m_DB is released");
+    // No rule matched, because none could be read: the caller must know.
+    const auto fault = [&](int code, const std::u16string& reason) {
+        event.storeFault = 1;
+        NoteStoreFault(kFunction, code, reason);
         return false;
-    }
+    };
+    if (!m_DB) return fault(SQLITE_MISUSE, u"m_DB is released");
+    if (m_storeDamaged.load(std::memory_order_relaxed)) return fault(SQLITE_CORRUPT, u"damaged file");
     Statement held = m_pLookupTrustRuleStmt;
-    if (!held) {
-        ZORV_LOG(kLogError, kFunction, u"m_pLookupTrustRuleStmt is released");
-        return false;
-    }
+    if (!held) return fault(SQLITE_MISUSE, u"m_pLookupTrustRuleStmt is released");
 
     TrustQuery attributes;
     if (!CollectTrustAttributes(trustType, event, attributes)) {
@@ -492,15 +549,15 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
     }
     if (bound != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
-        return false;
+        return fault(bound, u"Unable to create query");
     }
-    if (BindLookupText(stmt, ":procUser", attributes.user) != SQLITE_OK) {
+    if ((bound = BindLookupText(stmt, ":procUser", attributes.user)) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procUser");
-        return false;
+        return fault(bound, u"Unable to create query for procUser");
     }
-    if (BindLookupText(stmt, ":procGroup", attributes.group) != SQLITE_OK) {
+    if ((bound = BindLookupText(stmt, ":procGroup", attributes.group)) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query for procGroup");
-        return false;
+        return fault(bound, u"Unable to create query for procGroup");
     }
 
     int rc = SQLITE_ERROR;
@@ -534,12 +591,11 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
         // statistics and is written back in bulk when the engine stops.
         if (sqlite3_column_int64(stmt, kRuleHitcount) == 0) UpdateHitcountInternal(trustRuleId, 0);
         ZorvStats::Instance().IncrementTrustRuleHitCount(trustRuleId);
+        NoteStoreAnswered();
         return true;
     }
-    if (rc != SQLITE_DONE) {
-        ZORV_LOG(kLogError, kFunction, u"DAL Error%s\n", GetErrorString());
-        return false;
-    }
+    if (rc != SQLITE_DONE) return fault(rc, u"DAL Error" + GetErrorString());
+    NoteStoreAnswered();
     LogTrustRuleMiss(attributes, event);
     return false;
 }

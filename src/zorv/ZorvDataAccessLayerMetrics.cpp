@@ -132,6 +132,11 @@ bool ZorvDAL::PrepareMetricsDBInfo(cJSON* dbinfo) {
     static constexpr const char* kKeys[5] = {"totalInventoryItems", "agentRules", "executionRules", "scannedItems",
                                              "approvedDrift"};
     for (int i = 0; i < 5; ++i) cJSON_AddNumberToObject(dbinfo, kKeys[i], row ? sqlite3_column_int(stmt, i) : 0);
+    // Accepted by a buffered store and not yet committed.
+    cJSON_AddNumberToObject(dbinfo, "PendingBufferedRows", static_cast<double>(PendingRowsInternal()));
+    // What the lookups found, not these counts: a host that sees false
+    // replaces the file.
+    cJSON_AddBoolToObject(dbinfo, "StoreHealthy", StoreHealthy());
     return true;
 }
 

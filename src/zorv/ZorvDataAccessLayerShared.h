@@ -1,6 +1,8 @@
 // Pieces shared by the files that implement ZorvDAL, and by nothing else.
 #pragma once
 
+#include <sqlite3.h>
+
 #include <mutex>
 
 #include "ZorvLogger.h"
@@ -34,6 +36,26 @@ inline constexpr char kInsertTrustRuleTempTableSQL[] =
     ":processName, :paths, :trustType, :signerName, :productName, :companyName, :sha256, :issuerCN, :issuerC, "
     ":issuerL, :issuerS, :issuerO, :issuerOU, :ruleset, :procUser, :procGroup, :userList );";
 inline constexpr char kInsertUserListTempTableSQL[] = "INSERT INTO Temp_UserList( id, user ) VALUES( :id, :user );";
+
+// Failures that belong to one row and that no retry can mend: that row is
+// given up, the rest go on. Every other failure is the store's (a full disk,
+// an I/O error, a foreign lock, a damaged page) and ends the whole transaction.
+inline bool IsRowFault(int rc) {
+    switch (rc & 0xFF) {
+        case SQLITE_TOOBIG:
+        case SQLITE_RANGE:
+        case SQLITE_CONSTRAINT:
+        case SQLITE_MISMATCH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// SQLite rolls a whole transaction back by itself on some failures (a full
+// disk while the cache spills, an I/O error, no memory); every statement
+// after that would run, and commit, on its own.
+inline bool TransactionLost(sqlite3* db) { return sqlite3_get_autocommit(db) != 0; }
 
 // Takes the database lock with the TRACE pair every locked operation logs:
 // the first line before waiting, the second just before releasing.

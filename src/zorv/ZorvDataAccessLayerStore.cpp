@@ -2,6 +2,7 @@
 // one at a time or through the write-behind buffers, the prelink update, the
 // removal of superseded items and the AppControlState accessors.
 #include <limits>
+#include <tuple>
 #include <string>
 #include <utility>
 
@@ -109,8 +110,9 @@ bool PrepareTempTableStatement(const std::shared_ptr<sqlite3>& db, std::shared_p
 }
 
 // Steps an insert; the new row id on SQLITE_DONE, 0 otherwise.
-uint64_t StepInsert(sqlite3_stmt* stmt, const char16_t* function) {
+uint64_t StepInsert(sqlite3_stmt* stmt, const char16_t* function, int& lastRc) {
     const int rc = sqlite3_step(stmt);
+    lastRc = rc == SQLITE_DONE ? SQLITE_OK : sqlite3_extended_errcode(sqlite3_db_handle(stmt));
     if (rc != SQLITE_DONE) {
         ZORV_LOG(kLogWarning, function, u"Unable to execute sqlite insert statement. Error code: %d", rc);
         return 0;
@@ -119,28 +121,76 @@ uint64_t StepInsert(sqlite3_stmt* stmt, const char16_t* function) {
 }
 
 // Writes a whole write-behind buffer in one transaction: one journal sync
-// instead of one per row. Entries leave the buffer whether or not their row
-// could be stored; a failed row is logged where it failed.
+// instead of one per row. Entries leave the buffer only once their
+// transaction has committed; when any statement fails for the store's sake
+// (a full disk, a foreign lock) nothing of the flush commits and every entry
+// stays for the next flush. Only a row that can never be stored is given up.
 template <typename Record, typename StoreOne>
-uint64_t FlushBuffer(const std::shared_ptr<sqlite3>& db, std::deque<Record>& buffer, const char16_t* function,
-                     const char16_t* name, StoreOne storeOne) {
+uint64_t FlushBuffer(const std::shared_ptr<sqlite3>& held, std::deque<Record>& buffer, const char16_t* function,
+                     const char16_t* name, const int& lastRc, StoreOne storeOne) {
     ZORV_LOG(kLogTrace, function, u"%s - %d items", name, buffer.size());
     if (buffer.empty()) return 0;
-    if (!db) {
+    if (!held) {
         ZORV_LOG(kLogError, function, u"m_DB is released");
         return 0;
     }
-    sqlite3_exec(db.get(), "BEGIN TRANSACTION", nullptr, nullptr, nullptr);
+    sqlite3* db = held.get();
+    auto giveUp = [&](const char16_t* step) {
+        const int rc = sqlite3_extended_errcode(db);
+        if (!dal::TransactionLost(db)) sqlite3_exec(db, "ROLLBACK TRANSACTION", nullptr, nullptr, nullptr);
+        ZORV_LOG(kLogError, function, u"%s failed at %s (%d: %s); %d rows stay buffered for the next flush", name,
+                 step, rc, sqlite3_errstr(rc), buffer.size());
+        return uint64_t{0};
+    };
+    if (sqlite3_exec(db, "BEGIN TRANSACTION", nullptr, nullptr, nullptr) != SQLITE_OK) return giveUp(u"BEGIN");
     uint64_t stored = 0;
-    while (!buffer.empty()) {
-        if (storeOne(buffer.front()) != 0) ++stored;
-        buffer.pop_front();
+    for (size_t i = 0; i < buffer.size(); ++i) {
+        if (storeOne(buffer[i]) != 0) {
+            ++stored;
+        } else if (dal::IsRowFault(lastRc)) {
+            ZORV_LOG(kLogError, function, u"%s gave up a row that cannot be stored (%d: %s)", name, lastRc,
+                     sqlite3_errstr(lastRc));
+        } else {
+            return giveUp(u"an insert");
+        }
+        if (dal::TransactionLost(db)) return giveUp(u"an insert");
     }
-    sqlite3_exec(db.get(), "END TRANSACTION", nullptr, nullptr, nullptr);
+    if (sqlite3_exec(db, "END TRANSACTION", nullptr, nullptr, nullptr) != SQLITE_OK) return giveUp(u"END");
+    buffer.clear();
     return stored;
 }
 
 }  // namespace
+
+// The three buffers together; a buffered store that finds them full is refused.
+size_t ZorvDAL::PendingRowsInternal() const {
+    return m_pendingItems.size() + m_pendingTrustRules.size() + m_pendingUserLists.size();
+}
+
+// A buffered store past the threshold tries to write the buffer out; when the
+// buffers are full and that fails too, the row is refused rather than accepted
+// and later lost.
+template <typename Record, typename Flush>
+uint64_t ZorvDAL::AppendBuffered(std::deque<Record>& buffer, const Record& record, const char16_t* function,
+                                 Flush flush) {
+    if (PendingRowsInternal() >= kMaxBufferedRows) {
+        // Whichever buffers filled them: all three are tried.
+        StoreItemFlushInternal();
+        StoreTrustRuleFlushInternal();
+        StoreUserListFlushInternal();
+        if (PendingRowsInternal() >= kMaxBufferedRows) {
+            ZORV_LOG(kLogError, function, u"Write buffers are full (%d rows not yet stored); row refused",
+                     PendingRowsInternal());
+            return 0;
+        }
+    }
+    buffer.push_back(record);
+    if (buffer.size() <= kBufferFlushThreshold) return 1;
+    const uint64_t stored = flush();
+    // Not stored yet but kept for the next flush: the row is accepted.
+    return stored != 0 ? stored : 1;
+}
+
 
 // ---- Conversion ----
 
@@ -187,9 +237,8 @@ uint64_t ZorvDAL::StoreItemBuffer(EngineEvent& event) {
         return 1;
     }
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreItemBuffer", u"StoreItemBuffer lock", u"StoreItemBuffer unlock");
-    m_pendingItems.push_back(event);
-    if (m_pendingItems.size() > kBufferFlushThreshold) return StoreItemFlushInternal();
-    return 1;
+    return AppendBuffered(m_pendingItems, static_cast<const EngineEvent&>(event), u"ZorvDAL::StoreItemBuffer",
+                          [this] { return StoreItemFlushInternal(); });
 }
 
 uint64_t ZorvDAL::StoreItemBuffer(const InventoryItemRecord& item) {
@@ -206,7 +255,7 @@ uint64_t ZorvDAL::StoreItemFlush() {
 }
 
 uint64_t ZorvDAL::StoreItemFlushInternal() {
-    return FlushBuffer(m_DB, m_pendingItems, u"ZorvDAL::StoreItemFlushInternal", u"StoreItemFlush",
+    return FlushBuffer(m_DB, m_pendingItems, u"ZorvDAL::StoreItemFlushInternal", u"StoreItemFlush", m_lastInsertRc,
                        [this](const EngineEvent& record) { return StoreItemInternal(record, false); });
 }
 
@@ -229,11 +278,13 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
 
     if (tempTable && !PrepareTempTableStatement(m_DB, m_pInsertItemTempTableStmt, kInsertItemTempTableSQL, kFunction,
                                                 u"Unable to prepare insert trust rule temp table statement: %s")) {
+        m_lastInsertRc = SQLITE_ERROR;
         return 0;
     }
     const StatementUse use(tempTable ? m_pInsertItemTempTableStmt : m_pInsertItemStmt);
     if (!use) {
         ZORV_LOG(kLogError, kFunction, u"m_pInsertItemStmt is released");
+        m_lastInsertRc = SQLITE_MISUSE;
         return 0;
     }
     sqlite3_stmt* stmt = use.get();
@@ -241,6 +292,7 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
     // Stops at the first failing bind; StatementUse clears what was bound.
     auto failed = [&](int rc, const char16_t* line) {
         if (rc == SQLITE_OK) return false;
+        m_lastInsertRc = rc;
         ZORV_LOG(kLogWarning, kFunction, line);
         return true;
     };
@@ -258,7 +310,7 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
         failed(BindText(stmt, ":ruleset", event.ruleset), u"Unable to bind ruleset, aborting db insert")) {
         return 0;
     }
-    return StepInsert(stmt, kFunction);
+    return StepInsert(stmt, kFunction, m_lastInsertRc);
 }
 
 // ---- Trust rules ----
@@ -273,9 +325,8 @@ uint64_t ZorvDAL::StoreTrustRule(const TrustRuleRecord& rule) {
 uint64_t ZorvDAL::StoreTrustRuleBuffer(const TrustRuleRecord& rule) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRuleBuffer", u"StoreTrustRuleBuffer lock",
                     u"StoreTrustRuleBuffer unlock");
-    m_pendingTrustRules.push_back(rule);
-    if (m_pendingTrustRules.size() > kBufferFlushThreshold) return StoreTrustRuleFlushInternal();
-    return 1;
+    return AppendBuffered(m_pendingTrustRules, rule, u"ZorvDAL::StoreTrustRuleBuffer",
+                          [this] { return StoreTrustRuleFlushInternal(); });
 }
 
 uint64_t ZorvDAL::StoreTrustRuleFlush() {
@@ -287,7 +338,7 @@ uint64_t ZorvDAL::StoreTrustRuleFlush() {
 uint64_t ZorvDAL::StoreTrustRuleFlushInternal() {
     const bool pending = !m_pendingTrustRules.empty();
     const uint64_t stored =
-        FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush",
+        FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush", m_lastInsertRc,
                     [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
     if (pending) ReloadTrustRulesInternal();
     return stored;
@@ -298,17 +349,20 @@ uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempT
     if (tempTable &&
         !PrepareTempTableStatement(m_DB, m_pInsertTrustRuleTempTableStmt, kInsertTrustRuleTempTableSQL, kFunction,
                                    u"Unable to prepare insert trust rule temp table statement: %s")) {
+        m_lastInsertRc = SQLITE_ERROR;
         return 0;
     }
     const StatementUse use(tempTable ? m_pInsertTrustRuleTempTableStmt : m_pInsertTrustRuleStmt);
     if (!use) {
         ZORV_LOG(kLogError, kFunction, u"m_pInsertTrustRuleStmt is released");
+        m_lastInsertRc = SQLITE_MISUSE;
         return 0;
     }
     sqlite3_stmt* stmt = use.get();
 
     auto failed = [&](int rc, const char16_t* line) {
         if (rc == SQLITE_OK) return false;
+        m_lastInsertRc = rc;
         ZORV_LOG(kLogWarning, kFunction, line);
         return true;
     };
@@ -322,7 +376,9 @@ uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempT
         return 0;
     }
     for (size_t i = 0; i < 6; ++i) {
-        if (BindText(stmt, kIssuerParameters[i], rule.issuer[i]) != SQLITE_OK) {
+        const int rc = BindText(stmt, kIssuerParameters[i], rule.issuer[i]);
+        if (rc != SQLITE_OK) {
+            m_lastInsertRc = rc;
             ZORV_LOG(kLogWarning, kFunction, u"Unable to bind %s, aborting db insert", kIssuerDisplayNames[i]);
             return 0;
         }
@@ -333,7 +389,7 @@ uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempT
         failed(BindText(stmt, ":userList", rule.userList), u"Unable to bind userList, aborting db insert")) {
         return 0;
     }
-    return StepInsert(stmt, kFunction);
+    return StepInsert(stmt, kFunction, m_lastInsertRc);
 }
 
 // ---- User lists ----
@@ -348,9 +404,8 @@ uint64_t ZorvDAL::StoreUserList(const UserListRecord& entry) {
 uint64_t ZorvDAL::StoreUserListBuffer(const UserListRecord& entry) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserListBuffer", u"StoreUserListBuffer lock",
                     u"StoreUserListBuffer unlock");
-    m_pendingUserLists.push_back(entry);
-    if (m_pendingUserLists.size() > kBufferFlushThreshold) return StoreUserListFlushInternal();
-    return 1;
+    return AppendBuffered(m_pendingUserLists, entry, u"ZorvDAL::StoreUserListBuffer",
+                          [this] { return StoreUserListFlushInternal(); });
 }
 
 uint64_t ZorvDAL::StoreUserListFlush() {
@@ -362,7 +417,7 @@ uint64_t ZorvDAL::StoreUserListFlush() {
 uint64_t ZorvDAL::StoreUserListFlushInternal() {
     const bool pending = !m_pendingUserLists.empty();
     const uint64_t stored =
-        FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush",
+        FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush", m_lastInsertRc,
                     [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
     if (pending) ReloadTrustRulesInternal();
     return stored;
@@ -373,23 +428,27 @@ uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTa
     if (tempTable &&
         !PrepareTempTableStatement(m_DB, m_pInsertUserListTempTableStmt, kInsertUserListTempTableSQL, kFunction,
                                    u"Unable to prepare insert UserList temp table statement: %s")) {
+        m_lastInsertRc = SQLITE_ERROR;
         return 0;
     }
     const StatementUse use(tempTable ? m_pInsertUserListTempTableStmt : m_pInsertUserListStmt);
     if (!use) {
         ZORV_LOG(kLogError, kFunction, u"m_pInsertUserListStmt is released");
+        m_lastInsertRc = SQLITE_MISUSE;
         return 0;
     }
     sqlite3_stmt* stmt = use.get();
-    if (BindText(stmt, ":id", entry.id) != SQLITE_OK) {
-        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind id, aborting db insert");
-        return 0;
+    for (const auto& [parameter, text, line] :
+         {std::tuple{":id", &entry.id, u"Unable to bind id, aborting db insert"},
+          std::tuple{":user", &entry.user, u"Unable to bind user, aborting db insert"}}) {
+        const int rc = BindText(stmt, parameter, *text);
+        if (rc != SQLITE_OK) {
+            m_lastInsertRc = rc;
+            ZORV_LOG(kLogWarning, kFunction, line);
+            return 0;
+        }
     }
-    if (BindText(stmt, ":user", entry.user) != SQLITE_OK) {
-        ZORV_LOG(kLogWarning, kFunction, u"Unable to bind user, aborting db insert");
-        return 0;
-    }
-    return StepInsert(stmt, kFunction);
+    return StepInsert(stmt, kFunction, m_lastInsertRc);
 }
 
 // ---- Items the engine decided on ----
@@ -523,25 +582,37 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
 
 // ---- AppControlState ----
 
-bool ZorvDAL::GetAppControlState(const std::u16string& settingName, std::u16string& value) {
+ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingName, std::u16string& value) {
     constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
     const Statement held = m_pGetAcStateStmt;
     if (!held) {
         ZORV_LOG(kLogError, kFunction, u"m_pGetAcStateStmt is released");
-        return false;
+        return SettingRead::Failed;
     }
     TracedLock lock(m_dbLock, kFunction, u"GetAppControlState lock", u"GetAppControlState unlock");
     const StatementUse use(held);
     sqlite3_stmt* stmt = use.get();
     BindTextAsIs(stmt, ":setting", settingName);
-    if (sqlite3_step(stmt) != SQLITE_ROW) {
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_DONE) {
         ZORV_LOG(kLogTrace, kFunction, u"Unable to get AppControl Setting for %s", settingName);
-        return false;
+        return SettingRead::Absent;
+    }
+    if (rc != SQLITE_ROW) {
+        // Not "absent": a caller that took it so would act on a value it never
+        // read. The settings live in the same file as the rules, so this is the
+        // store's health too (and logged once per change of it).
+        NoteStoreFault(kFunction, rc, u"Unable to read AppControl Setting " + settingName + u": " + GetErrorString());
+        return SettingRead::Failed;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
     value = text != nullptr ? Utf8ToUtf16(std::string_view(text, sqlite3_column_bytes(stmt, 0))) : std::u16string();
     ZORV_LOG(kLogTrace, kFunction, u"Found AppControl Setting for %s value %s", settingName, value);
-    return true;
+    return SettingRead::Found;
+}
+
+bool ZorvDAL::GetAppControlState(const std::u16string& settingName, std::u16string& value) {
+    return ReadAppControlState(settingName, value) == SettingRead::Found;
 }
 
 bool ZorvDAL::SetAppControlState(const std::u16string& settingName, const std::u16string& value) {

@@ -32,16 +32,40 @@ uint64_t FileTimeToMilliseconds(uint64_t ticks) {
     return static_cast<uint64_t>((static_cast<int64_t>(ticks) - kTicksTo1970) / 10000);
 }
 
-// "upgradetime" is stored as seconds since 1970 in decimal text.
-uint64_t UpgradeTimeSeconds() {
+// "upgradetime" is stored as seconds since 1970 in decimal text; an absent
+// setting is 0. False when the store could not be read: the event is marked,
+// because no time at all would approve every file older than now.
+bool UpgradeTimeSeconds(EngineEvent& event, uint64_t& seconds) {
+    seconds = 0;
     std::u16string text;
-    if (!ZorvDAL::Instance().GetAppControlState(u"upgradetime", text)) return 0;
-    uint64_t seconds = 0;
+    switch (ZorvDAL::Instance().ReadAppControlState(u"upgradetime", text)) {
+        case ZorvDAL::SettingRead::Failed:
+            event.storeFault = 1;
+            return false;
+        case ZorvDAL::SettingRead::Absent:
+            return true;
+        case ZorvDAL::SettingRead::Found:
+            break;
+    }
     for (const char16_t unit : text) {
         if (unit < u'0' || unit > u'9') break;
         seconds = seconds * 10 + static_cast<uint64_t>(unit - u'0');
     }
-    return seconds;
+    return true;
+}
+
+// No verdict can be given: the store could not be read, or the event names
+// nothing to look up. Decision 8 makes app_ctl answer AC_E_FAILED, and the
+// host's own failure policy decides; a lookup that could not run must never
+// read as "not in the inventory", which log-only and waiting-for-manifest
+// would let through.
+bool CannotDecide(EngineEvent& event, const char16_t* function) {
+    if (event.storeFault != 0) Count(u"RunErrorStore");
+    event.action = AC_DECISION_ERROR;
+    event.dbVerdict = AC_DB_NOT_KNOWN;
+    ZORV_LOG(kLogTrace, function, u"No decision for %s: the rule store could not be read%s", event.name,
+             event.storeFault != 0 ? u"" : u" for this event");
+    return false;
 }
 
 }  // namespace
@@ -85,7 +109,7 @@ bool ZorvEngine::IsAllowedToRun(EngineEvent& event, bool checkExecutable) {
 
     ZorvDAL& dal = ZorvDAL::Instance();
     event.lookupName = event.name;
-    if (!dal.IsAllowedInDB(event)) return false;
+    if (!dal.IsAllowedInDB(event)) return CannotDecide(event, kFn);
     // Ruleset rules are the administrator's explicit word: no trust rule overrides them.
     if (event.source == AC_SOURCE_EXECUTION_RULES) return true;
 
@@ -130,7 +154,9 @@ bool ZorvEngine::IsAllowedToRun(EngineEvent& event, bool checkExecutable) {
     if (event.dbVerdict == AC_DB_NOT_KNOWN && m_query.IsProcessTypeInTimeStampMode(ActingProcessType(event))) {
         // Files written before this engine was installed predate any rule it
         // could have learned; the process type trusts them until it is enabled.
-        const uint64_t upgradeTime = UpgradeTimeSeconds() * 1000;
+        uint64_t upgradeSeconds = 0;
+        if (!UpgradeTimeSeconds(event, upgradeSeconds)) return CannotDecide(event, kFn);
+        const uint64_t upgradeTime = upgradeSeconds * 1000;
         ZORV_LOG(kLogTrace, kFn, u"[TIMESTAMP MODE] start time: %llu end time: %llu Handling event of type: %d",
                  uint64_t{1000}, upgradeTime, event.eventType);
         if (AutoAuthorizeByFileTime(event, 1000, upgradeTime)) {
@@ -145,8 +171,11 @@ bool ZorvEngine::IsAllowedToRun(EngineEvent& event, bool checkExecutable) {
         }
     }
 
-    // A block-by-target rule outranks the inventory and every approval above.
-    if (dal.IsFoundInTrustRules(4, event)) {
+    // A block-by-target rule outranks the inventory and every approval above,
+    // so rules that could not be read leave no verdict at all.
+    const bool blockedByRule = dal.IsFoundInTrustRules(4, event);
+    if (event.storeFault != 0) return CannotDecide(event, kFn);
+    if (blockedByRule) {
         event.isAuthorized = AC_REASON_BLOCKED;
         event.dbVerdict = AC_DB_BLOCKED;
         event.source = AC_SOURCE_TRUST_RULE;
@@ -156,7 +185,9 @@ bool ZorvEngine::IsAllowedToRun(EngineEvent& event, bool checkExecutable) {
     }
     if (event.dbVerdict == AC_DB_ALLOWED) return true;
 
-    if (dal.IsFoundInTrustRules(2, event)) {
+    const bool trustedByRule = dal.IsFoundInTrustRules(2, event);
+    if (event.storeFault != 0) return CannotDecide(event, kFn);
+    if (trustedByRule) {
         event.isAuthorized = AC_REASON_TRUSTED;
         event.dbVerdict = AC_DB_ALLOWED;
         event.source = AC_SOURCE_TRUST_RULE;
@@ -194,7 +225,7 @@ bool ZorvEngine::HandleProcessStartEvent(EngineEvent& event) {
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"User %s, process %s and target %s approved pid %lu. Setting isAuthorized to 3",
                  event.user, event.processName, event.name, event.pid);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s blocked pid %lu", event.name, event.pid);
         Count(u"RunBlockedRule");
@@ -233,7 +264,7 @@ bool ZorvEngine::HandleScriptStartEvent(EngineEvent& event) {
         Count(u"RunAllowedRule");
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"Process %s approved pid %lu", event.name, event.pid);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s blocked pid %lu", event.name, event.pid);
         Count(u"RunBlockedRule");
@@ -270,7 +301,7 @@ bool ZorvEngine::HandleMmapStartEvent(EngineEvent& event) {
         event.action = AC_DECISION_ALLOW;
         ZORV_LOG(kLogTrace, kFn, u"Process %s (%lu) was approved to create executable mapping for %s",
                  event.processName, event.pid, event.path);
-        m_allowCache.Add(event.user, event.processName, event.name);
+        m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     } else if (event.dbVerdict == AC_DB_BLOCKED) {
         ZORV_LOG(kLogTrace, kFn, u"Process %s (%lu) was not approved to create executable mapping for %s",
                  event.processName, event.pid, event.path);

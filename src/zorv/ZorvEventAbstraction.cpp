@@ -190,8 +190,11 @@ bool ZorvEngine::ProcessEvent(EngineEvent& event) {
     ZORV_LOG(kLogTrace, kFn, u"Processing event. EventType: %d Maintenance Mode: %d LockDown: %d", event.eventType,
              config.MaintenanceMode() ? 1 : 0, config.Lockdown() ? 1 : 0);
 
+    // Read before anything is looked up: an allow decided now is cached under
+    // this generation, and so never outlives the rules it was made from.
+    event.rulesGeneration = ZorvDAL::Instance().RulesGeneration();
     if (event.eventType == AC_EVENT_CACHE_CHECK) {
-        if (m_allowCache.Contains(event.user, event.processName, event.name)) {
+        if (m_allowCache.Contains(event.user, event.processName, event.name, event.rulesGeneration)) {
             event.action = AC_DECISION_ALLOW;
             event.isAuthorized = AC_REASON_APPROVED;
             return true;
@@ -389,7 +392,7 @@ bool ZorvEngine::CheckExcludeTrustRules(EngineEvent& event) {
     ZorvStats::Instance().IncrementMetric(u"EventExcludedByTrustRule");
     event.action = AC_DECISION_IGNORED;
     event.isAuthorized = AC_REASON_EXCLUDED;
-    m_allowCache.Add(event.user, event.processName, event.name);
+    m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);
     return true;
 }
 

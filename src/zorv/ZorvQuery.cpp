@@ -1,7 +1,5 @@
 #include "ZorvQuery.h"
 
-#include <filesystem>
-#include <fstream>
 #include <initializer_list>
 
 #include "AppControlConfig.h"
@@ -430,40 +428,50 @@ bool ZorvQuery::ShouldTrustPowershell(const EngineEvent& event) const {
     constexpr char16_t kFunction[] = u"ZorvQuery::ShouldTrustPowershell";
     const std::u16string& fileName = event.name;
 
-    // Counting lines through a plain shared read: the guarded reader would
-    // give way to any writer, and this pass only needs the line feeds.
-    uint64_t lines = 1;
-    {
-        std::ifstream in(std::filesystem::path(fileName), std::ios::binary);
-        char buffer[4096];
-        while (in) {
-            in.read(buffer, sizeof buffer);
-            const std::streamsize got = in.gcount();
-            for (std::streamsize i = 0; i < got; ++i) {
-                if (buffer[i] == '\n') ++lines;
-            }
-        }
+    // The file is named by an event, so whoever wrote it may have made it a
+    // FIFO, a link to /dev/zero or a huge single line. The reader refuses all
+    // but regular files without blocking, and the count stops as soon as the
+    // answer is known: at the second line feed, or once the first line has
+    // run past kMaxScriptLineBytes, which no trusted one-liner does.
+    constexpr uint64_t kMaxScriptLineBytes = uint64_t{1} << 20;
+    OplockReader reader;
+    if (!reader.Open(fileName)) {
+        ZORV_LOG(kLogTrace, kFunction, u"%s could not be parsed properly", fileName);
+        return false;
     }
+    uint64_t lines = 1;
+    uint64_t total = 0;
+    char header[2] = {};
+    size_t read = 0;
+    char buffer[16384];
+    while (lines < 3 && total <= kMaxScriptLineBytes) {
+        const size_t got = reader.Read(buffer, sizeof buffer);
+        if (got == 0) break;
+        for (size_t i = 0; i < got && lines < 3; ++i) {
+            if (buffer[i] == '\n') ++lines;
+        }
+        for (size_t i = 0; i < got && read < sizeof header; ++i) header[read++] = buffer[i];
+        total += got;
+    }
+    const bool unfinished = reader.IsOpen();
+    const uint32_t error = reader.Error();
+    reader.Close();
     if (lines >= 2) {
         ZORV_LOG(kLogTrace, kFunction,
                  u"%s not detected as trusted script because the file has more than 1 line (%d lines)", fileName,
                  lines);
         return false;
     }
-
-    OplockReader reader;
-    if (!reader.Open(fileName)) {
+    if (unfinished) {
+        ZORV_LOG(kLogTrace, kFunction, u"%s not detected as trusted script because its first line is longer than %llu bytes",
+                 fileName, kMaxScriptLineBytes);
+        return false;
+    }
+    // A read that ended early (a writer appeared) says nothing about the file.
+    if (error != 0) {
         ZORV_LOG(kLogTrace, kFunction, u"%s could not be parsed properly", fileName);
         return false;
     }
-    char header[2] = {};
-    size_t read = 0;
-    while (read < sizeof header) {
-        const size_t got = reader.Read(header + read, sizeof header - read);
-        if (got == 0) break;
-        read += got;
-    }
-    reader.Close();
 
     if (read == 2 && header[0] == '#' && header[1] == ' ') {
         ZORV_LOG(kLogTrace, kFunction, u"%s detected as trusted script because of '# ' header and only %d line",

@@ -102,7 +102,9 @@ public:
     bool IsInterpreter(ProcessTypeIndex index) const;
     bool IsExtensionInterpreted(ProcessTypeIndex index, const std::u16string& extension) const;
     bool IsProcessTypeInTimeStampMode(ProcessTypeIndex index) const;
-    // A one-line script whose content starts with "# " or is just "1".
+    // A one-line script whose content starts with "# " or is just "1". Only a
+    // regular file is read, never through a link, and no further than the
+    // second line feed or 1 MiB: a first line longer than that is not trusted.
     bool ShouldTrustPowershell(const EngineEvent& event) const;
 
     // The configuration settings IsProcessTypeInTimeStampMode consults. Set

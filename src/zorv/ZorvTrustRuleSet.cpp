@@ -100,30 +100,39 @@ bool GroupListContains(std::u16string_view groups, std::u16string_view wanted) {
     return false;
 }
 
-// A ';'-separated list, lower-cased and compiled; empty patterns are skipped.
-std::vector<WildcardPattern> CompileList(const std::u16string& list) {
-    const std::u16string lowered = ToLower(list);
-    std::vector<WildcardPattern> patterns;
-    size_t start = 0;
-    while (start <= lowered.size()) {
-        size_t end = lowered.find(u';', start);
-        if (end == std::u16string::npos) end = lowered.size();
-        if (end > start) patterns.emplace_back(std::u16string_view(lowered).substr(start, end - start));
-        start = end + 1;
-    }
-    patterns.shrink_to_fit();
-    return patterns;
+// A ';'-separated list, lower-cased, and its compiled form. Rules often share
+// their lists (the same folders under many names), so one load compiles each
+// distinct list once and the rules hold it together.
+struct PatternList {
+    std::u16string text;
+    WildcardPattern compiled;
+};
+using PatternCache = std::unordered_map<std::u16string, std::shared_ptr<const PatternList>>;
+
+std::shared_ptr<const PatternList> CompileList(const std::u16string& list, PatternCache& cache) {
+    std::u16string lowered = ToLower(list);
+    auto& slot = cache[lowered];
+    if (!slot) slot = std::make_shared<const PatternList>(PatternList{lowered, WildcardPattern::CompileList(lowered)});
+    return slot;
 }
 
-bool MatchList(const std::vector<WildcardPattern>& patterns, const std::u16string& text) {
-    for (const WildcardPattern& pattern : patterns) {
-        if (pattern.Matches(text)) {
-            ZORV_LOG(kLogTrace, kMatchFn, u"Match found between event path [%s] and rule path [%s]", text,
-                     pattern.Text());
-            return true;
+// As the statement's path tests a list: the whole list at once, then, for the
+// log only, the pattern that matched.
+bool MatchList(const PatternList& list, const std::u16string& text) {
+    if (!list.compiled.Match(text)) return false;
+    if (!ZorvLogger::Instance().IsEnabled(kLogTrace)) return true;
+    size_t start = 0;
+    while (start <= list.text.size()) {
+        size_t end = list.text.find(u';', start);
+        if (end == std::u16string::npos) end = list.text.size();
+        const std::u16string_view pattern = std::u16string_view(list.text).substr(start, end - start);
+        if (!pattern.empty() && WildcardPattern::CompileOne(pattern).Match(text)) {
+            ZORV_LOG(kLogTrace, kMatchFn, u"Match found between event path [%s] and rule path [%s]", text, pattern);
+            break;
         }
+        start = end + 1;
     }
-    return false;
+    return true;
 }
 
 struct Condition {
@@ -147,8 +156,8 @@ struct Rule {
     std::u16string ruleset;
     std::u16string procUser;
     std::vector<Condition> conditions;
-    std::vector<WildcardPattern> names;  // the process name's patterns
-    std::vector<WildcardPattern> paths;
+    std::shared_ptr<const PatternList> names;  // the process name as patterns
+    std::shared_ptr<const PatternList> paths;
     // The rule's list: the members' names (NULL members left out) and the
     // number of its rows, which is how often the join repeats the rule.
     const std::vector<std::u16string>* members = nullptr;
@@ -218,11 +227,16 @@ void TrustRuleSnapshot::BuildIndex() {
             ScanEntry entry;
             entry.index = i;
             entry.trustType = static_cast<int32_t>(rule.trustType);
-            if (rule.nameKind == NameKind::Wildcard && rule.names.size() == 1 && rule.names[0].IsWildcard()) {
+            // One pattern with a wildcard: every name it accepts (itself
+            // included) begins with the units before its first wildcard.
+            const std::u16string& name = rule.nameKind == NameKind::Wildcard ? rule.names->text : std::u16string();
+            const size_t wildcard = name.find_first_of(u"*?");
+            if (!name.empty() && name.find(u';') == std::u16string::npos && wildcard != std::u16string::npos &&
+                WildcardPattern::Fits(name)) {
                 entry.nameFilter = true;
-                entry.minLength = rule.names[0].MinLength();
-                entry.prefixLength = rule.names[0].PrefixLength();
-                entry.prefixLast = rule.names[0].PrefixLast();
+                entry.minLength = static_cast<uint32_t>(wildcard);
+                entry.prefixLength = static_cast<uint32_t>(wildcard);
+                entry.prefixLast = wildcard != 0 ? name[wildcard - 1] : u'\0';
             }
             scanned.push_back(entry);
         }
@@ -292,6 +306,7 @@ bool ZorvTrustRuleSet::Load(sqlite3* db) {
 
     std::u16string text;
     std::vector<int64_t> hitcounts;
+    PatternCache patterns;
     bool ok = read(kLoadUserListSql, [&](sqlite3_stmt* stmt) {
         // The join compares the list id as text; an id no text equals joins nothing.
         if (ReadText(stmt, 0, text) != Cell::Text) return;
@@ -314,7 +329,7 @@ bool ZorvTrustRuleSet::Load(sqlite3* db) {
             case Cell::Text:
                 rule.nameKind = rule.processName.find_first_of(u"*?") != std::u16string::npos ? NameKind::Wildcard
                                                                                              : NameKind::Exact;
-                rule.names = CompileList(rule.processName);
+                rule.names = CompileList(rule.processName, patterns);
                 // Only an exact name is compared as stored; patterns keep their own copy.
                 if (rule.nameKind == NameKind::Wildcard) std::u16string().swap(rule.processName);
                 break;
@@ -324,7 +339,7 @@ bool ZorvTrustRuleSet::Load(sqlite3* db) {
         if (sqlite3_column_type(stmt, kColPaths) != SQLITE_NULL) {
             rule.hasPaths = true;
             ReadText(stmt, kColPaths, text);
-            rule.paths = CompileList(text);
+            rule.paths = CompileList(text, patterns);
         }
         for (int field = 0; field < kFieldCount; ++field) {
             const int column = kColFirstField + field;
@@ -465,12 +480,12 @@ ZorvTrustRuleSet::Answer ZorvTrustRuleSet::Find(const TrustQuery& query, const s
             ZORV_LOG(kLogTrace, kLookupFn,
                      u"Found potential trust rule to apply to drift. Checking for trusted path, process name and "
                      u"groups");
-            if (rule.nameKind != NameKind::Any && !MatchList(rule.names, query.processName)) continue;
+            if (rule.nameKind != NameKind::Any && !MatchList(*rule.names, query.processName)) continue;
             if (rule.hasGroup && !GroupListContains(query.group, rule.group)) continue;
             if (!rule.hasPaths) {
                 ZORV_LOG(kLogTrace, kLookupFn, u"No path specified for trust rule. Allow all path");
                 ZORV_LOG(kLogTrace, kLookupFn, u"process %s is found in trust rule", query.processName);
-            } else if (MatchList(rule.paths, loweredName)) {
+            } else if (MatchList(*rule.paths, loweredName)) {
                 ZORV_LOG(kLogTrace, kLookupFn, u"process %s with path %s is found in trust rule", query.processName,
                          eventName);
             } else {

@@ -1,11 +1,7 @@
-// The trust-rule wildcard matcher: patterns compiled to a small automaton
-// whose reachable positions are kept as bit sets, so a match costs at most
-// text length times pattern length and never recurses.
 #include "ZorvWildcard.h"
 
 #include <algorithm>
 #include <array>
-#include <bit>
 
 namespace zorv {
 
@@ -13,157 +9,224 @@ namespace {
 
 bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
 
-// A set of pattern positions, one bit each, over words the caller provides.
-class StateSet {
-public:
-    StateSet(uint64_t* words, size_t wordCount) : m_words(words), m_count(wordCount) { Clear(); }
-    bool Test(size_t i) const { return (m_words[i / 64] >> (i % 64)) & 1u; }
-    void Set(size_t i) { m_words[i / 64] |= uint64_t{1} << (i % 64); }
-    void Clear() { std::fill(m_words, m_words + m_count, 0); }
-    bool Empty() const {
-        for (size_t i = 0; i < m_count; ++i) {
-            if (m_words[i] != 0) return false;
+enum Kind : uint8_t { kLiteral, kAnyOne, kAnyRun, kAnyLevels, kAccept };
+
+void SetBit(std::vector<uint64_t>& mask, size_t i) { mask[i / 64] |= uint64_t{1} << (i % 64); }
+
+size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
+
+// One step of the automaton over W words. S holds the positions reached; M
+// the "**\" elements whose current level has begun (inside a level they may
+// not end, so they live apart from S until the next separator).
+template <size_t W>
+bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept,
+         const uint64_t* anyRun, const uint64_t* anyLevels, const uint64_t* empty, const auto& row) {
+    // W == 0 is the general case: the size is known only at run time.
+    const size_t n = W == 0 ? words : W;
+    constexpr size_t kCap = W == 0 ? 64 : W;
+    std::array<uint64_t, kCap> s{}, m{};
+
+    // Positions after elements that may match nothing are reached too. Adding
+    // the reached ones to the runs of such elements carries a bit from each to
+    // the end of its run: (runs + reached) ^ runs marks every position from a
+    // reached one up to the one after its run. One pass, low word first.
+    uint64_t closeCarry = 0;
+    const auto close = [&](uint64_t reached, size_t w) {
+        const uint64_t runs = empty[w];
+        const uint64_t sum = runs + (reached & runs);
+        const uint64_t total = sum + closeCarry;
+        closeCarry = (sum < runs) | (total < sum);
+        return reached | (total ^ runs);
+    };
+
+    for (size_t w = 0; w < n; ++w) s[w] = close(start[w], w);
+    for (const char16_t unit : text) {
+        // A row holds the positions the unit moves on: its literals, and for a
+        // unit that is not a separator, every '?' as well.
+        const uint64_t* moves = row(unit);
+        uint64_t alive = 0;
+        uint64_t carry = 0;
+        closeCarry = 0;
+        if (IsSeparator(unit)) {
+            // A separator ends every begun level of "**": back to its boundary.
+            for (size_t w = 0; w < n; ++w) {
+                const uint64_t moving = s[w] & moves[w];
+                const uint64_t next = (moving << 1) | carry | (s[w] & anyLevels[w]) | m[w];
+                carry = moving >> 63;
+                m[w] = 0;
+                s[w] = close(next, w);
+                alive |= next;
+            }
+        } else {
+            for (size_t w = 0; w < n; ++w) {
+                const uint64_t moving = s[w] & moves[w];
+                const uint64_t next = (moving << 1) | carry | (s[w] & anyRun[w]);
+                carry = moving >> 63;
+                m[w] = (s[w] | m[w]) & anyLevels[w];
+                s[w] = close(next, w);
+                alive |= next | m[w];
+            }
         }
-        return true;
+        if (alive == 0) return false;
     }
-    // Index of the first set bit at or after `from`, or `limit` when none.
-    size_t Next(size_t from, size_t limit) const {
-        while (from < limit) {
-            const uint64_t word = m_words[from / 64] >> (from % 64);
-            if (word != 0) return from + static_cast<size_t>(std::countr_zero(word));
-            from = (from / 64 + 1) * 64;
-        }
-        return limit;
+    for (size_t w = 0; w < n; ++w) {
+        if ((s[w] & accept[w]) != 0) return true;
     }
-    void Swap(StateSet& other) { std::swap(m_words, other.m_words); }
-
-private:
-    uint64_t* m_words;
-    size_t m_count;
-};
-
-using Element = WildcardPattern::Element;
-
-// The elements that may match nothing let the position after them be reached
-// too. Positions only move forward, so one ascending pass closes the set.
-template <typename Steps>
-void CloseOverEmptyRuns(const Steps& steps, StateSet& states) {
-    const size_t count = steps.size();
-    for (size_t i = states.Next(0, count); i < count; i = states.Next(i + 1, count)) {
-        if (steps[i].kind == Element::AnyRun) states.Set(i + 1);
-        // At a level boundary the levels may end: skip the inside position too.
-        if (steps[i].kind == Element::AnyLevels) states.Set(i + 2);
-    }
+    return false;
 }
 
 }  // namespace
 
-WildcardPattern::WildcardPattern(std::u16string_view pattern) : m_text(pattern) {
-    // Without wildcards only equality can match; the separator rewriting below
-    // must not turn a plain directory name into a pattern.
-    m_wildcard = pattern.find_first_of(u"*?") != std::u16string_view::npos;
-    if (!m_wildcard) return;
+WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
+    WildcardPattern compiled;
+    if (!Fits(patterns)) return compiled;
+    size_t start = 0;
+    while (start <= patterns.size()) {
+        size_t end = patterns.find(u';', start);
+        if (end == std::u16string_view::npos) end = patterns.size();
+        if (end > start) compiled.Add(patterns.substr(start, end - start));
+        start = end + 1;
+    }
+    compiled.Finish();
+    return compiled;
+}
+
+WildcardPattern WildcardPattern::CompileOne(std::u16string_view pattern) {
+    WildcardPattern compiled;
+    if (!Fits(pattern)) return compiled;
+    compiled.Add(pattern);
+    compiled.Finish();
+    return compiled;
+}
+
+void WildcardPattern::Add(std::u16string_view pattern) {
+    m_exact.emplace_back(pattern);
+    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return;
 
     std::u16string rewritten(pattern);
     // "dir\**" means everything below dir, and "dir\" the files directly in it.
     if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
-    m_steps.reserve(rewritten.size());
+    m_starts.push_back(m_kinds.size());
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
-        Element kind = Element::Literal;
+        Kind kind = kLiteral;
         if (unit == u'?') {
-            kind = Element::AnyOne;
+            kind = kAnyOne;
         } else if (unit == u'*') {
             if (i + 2 < rewritten.size() && rewritten[i + 1] == u'*' && IsSeparator(rewritten[i + 2])) {
-                kind = Element::AnyLevels;
+                kind = kAnyLevels;
                 i += 2;
             } else {
-                kind = Element::AnyRun;
+                kind = kAnyRun;
             }
         }
-        // Adjacent runs of '*' accept the same texts as one; folding them keeps
-        // the state set small for patterns like "a***b".
-        if (kind == Element::AnyRun && !m_steps.empty() && m_steps.back().kind == Element::AnyRun) continue;
-        m_steps.push_back({unit, kind});
-        if (kind == Element::AnyLevels) m_steps.push_back({unit, Element::LevelsMid});
+        // Adjacent runs of '*' accept the same texts as one.
+        if (kind == kAnyRun && m_kinds.size() > m_starts.back() && m_kinds.back() == kAnyRun) continue;
+        m_kinds.push_back(kind);
+        m_units.push_back(unit);
     }
-    const size_t count = m_steps.size();
-    while (m_prefix < count && m_steps[m_prefix].kind == Element::Literal) ++m_prefix;
-    while (m_suffix < count - m_prefix && m_steps[count - 1 - m_suffix].kind == Element::Literal) ++m_suffix;
-    for (const Step& step : m_steps) {
-        if (step.kind == Element::Literal || step.kind == Element::AnyOne) ++m_minLength;
-    }
+    m_accepts.push_back(m_kinds.size());
+    m_kinds.push_back(kAccept);
+    m_units.push_back(0);
 }
 
-size_t WildcardPattern::HeapBytes() const {
-    // A short text lives inside the string object itself.
-    const size_t text = m_text.capacity() > 7 ? (m_text.capacity() + 1) * sizeof(char16_t) : 0;
-    return text + m_steps.capacity() * sizeof(Step);
-}
+void WildcardPattern::Finish() {
+    m_positions = m_kinds.size();
+    m_words = (m_positions + 63) / 64;
+    if (m_words == 0) return;
+    for (auto* mask : {&m_start, &m_accept, &m_anyOne, &m_anyRun, &m_anyLevels, &m_empty}) {
+        mask->assign(m_words, 0);
+    }
+    for (size_t i : m_starts) SetBit(m_start, i);
+    for (size_t i : m_accepts) SetBit(m_accept, i);
 
-bool WildcardPattern::Matches(std::u16string_view text) const {
-    if (text == m_text) return true;
-    if (!m_wildcard) return false;
-    if (text.size() < m_minLength) return false;
-    // The last unit of the prefix first: rules that differ in a numbered name
-    // differ there, so most of them are rejected by one comparison.
-    const auto sameUnit = [](const Step& step, char16_t unit) { return step.unit == unit; };
-    if (m_prefix != 0 && (text[m_prefix - 1] != m_steps[m_prefix - 1].unit ||
-                          !std::equal(m_steps.begin(), m_steps.begin() + m_prefix, text.begin(), sameUnit))) {
-        return false;
-    }
-    if (m_suffix != 0 && !std::equal(m_steps.end() - m_suffix, m_steps.end(), text.end() - m_suffix, sameUnit)) {
-        return false;
-    }
-    return MatchElements(text);
-}
-
-// Simulates the pattern as an automaton over the text: each text unit moves
-// every reachable position at once.
-bool WildcardPattern::MatchElements(std::u16string_view text) const {
-    const size_t count = m_steps.size();
-    const size_t words = (count + 1 + 63) / 64;
-    // Patterns of up to 255 elements, nearly all of them, need no allocation.
-    std::array<uint64_t, 8> small{};
-    std::vector<uint64_t> large;
-    uint64_t* storage = small.data();
-    if (2 * words > small.size()) {
-        large.resize(2 * words);
-        storage = large.data();
-    }
-    StateSet current(storage, words);
-    StateSet next(storage + words, words);
-    current.Set(0);
-    CloseOverEmptyRuns(m_steps, current);
-    for (const char16_t unit : text) {
-        next.Clear();
-        const bool separator = IsSeparator(unit);
-        for (size_t i = current.Next(0, count); i < count; i = current.Next(i + 1, count)) {
-            switch (m_steps[i].kind) {
-                case Element::Literal:
-                    if (m_steps[i].unit == unit) next.Set(i + 1);
-                    break;
-                case Element::AnyOne:
-                    if (!separator) next.Set(i + 1);
-                    break;
-                case Element::AnyRun:
-                    if (!separator) next.Set(i);
-                    break;
-                case Element::AnyLevels:
-                    next.Set(separator ? i : i + 1);
-                    break;
-                case Element::LevelsMid:
-                    next.Set(separator ? i - 1 : i);
-                    break;
-            }
+    // Row 0 serves units no literal names; separators always get rows of
+    // their own, since '?' never moves on them.
+    std::vector<char16_t> distinct{u'\\', u'/'};
+    for (size_t i = 0; i < m_positions; ++i) {
+        switch (m_kinds[i]) {
+            case kAnyOne: SetBit(m_anyOne, i); break;
+            case kAnyRun: SetBit(m_anyRun, i); SetBit(m_empty, i); break;
+            case kAnyLevels: SetBit(m_anyLevels, i); SetBit(m_empty, i); break;
+            case kLiteral: distinct.push_back(m_units[i]); break;
+            default: break;
         }
-        if (next.Empty()) return false;
-        CloseOverEmptyRuns(m_steps, next);
-        current.Swap(next);
     }
-    return current.Test(count);
+    std::sort(distinct.begin(), distinct.end());
+    distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
+    m_rows.assign((distinct.size() + 1) * m_words, 0);
+    size_t others = 0;
+    for (char16_t unit : distinct) others += unit >= 128 ? 1 : 0;
+    size_t slots = 1;
+    while (slots < others * 2) slots *= 2;
+    if (others > 0) {
+        m_otherKeys.assign(slots, 0);
+        m_otherRows.assign(slots, 0);
+    }
+    for (size_t r = 0; r < distinct.size(); ++r) {
+        const char16_t unit = distinct[r];
+        const auto row = static_cast<uint16_t>(r + 1);
+        if (unit < 128) {
+            m_asciiRow[unit] = row;
+        } else {
+            size_t slot = OtherSlot(unit, slots - 1);
+            while (m_otherRows[slot] != 0) slot = (slot + 1) & (slots - 1);
+            m_otherKeys[slot] = unit;
+            m_otherRows[slot] = row;
+        }
+    }
+    for (size_t i = 0; i < m_positions; ++i) {
+        if (m_kinds[i] != kLiteral) continue;
+        const uint64_t* row = Row(m_units[i]);
+        const size_t r = static_cast<size_t>(row - m_rows.data()) / m_words;
+        m_rows[r * m_words + i / 64] |= uint64_t{1} << (i % 64);
+    }
+    for (size_t r = 0; r <= distinct.size(); ++r) {
+        if (r > 0 && IsSeparator(distinct[r - 1])) continue;
+        for (size_t w = 0; w < m_words; ++w) m_rows[r * m_words + w] |= m_anyOne[w];
+    }
+    m_kinds.clear();
+    m_kinds.shrink_to_fit();
+    m_units.clear();
+    m_units.shrink_to_fit();
+    m_starts.clear();
+    m_accepts.clear();
+}
+
+const uint64_t* WildcardPattern::Row(char16_t unit) const {
+    if (unit < 128) return m_rows.data() + m_asciiRow[unit] * m_words;
+    if (m_otherRows.empty()) return m_rows.data();
+    const size_t mask = m_otherRows.size() - 1;
+    for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
+        if (m_otherRows[slot] == 0) return m_rows.data();
+        if (m_otherKeys[slot] == unit) return m_rows.data() + m_otherRows[slot] * m_words;
+    }
+}
+
+bool WildcardPattern::Match(std::u16string_view text) const {
+    for (const std::u16string& exact : m_exact) {
+        if (exact == text) return true;
+    }
+    if (m_words == 0) return false;
+    const auto row = [this](char16_t unit) { return Row(unit); };
+    const uint64_t* masks[] = {m_start.data(), m_accept.data(), m_anyRun.data(), m_anyLevels.data(),
+                               m_empty.data()};
+    switch (m_words) {
+#define ZORV_WILDCARD_WORDS(W) \
+    case W: return Run<W>(text, W, masks[0], masks[1], masks[2], masks[3], masks[4], row);
+        ZORV_WILDCARD_WORDS(1)
+        ZORV_WILDCARD_WORDS(2)
+        ZORV_WILDCARD_WORDS(3)
+        ZORV_WILDCARD_WORDS(4)
+        ZORV_WILDCARD_WORDS(5)
+        ZORV_WILDCARD_WORDS(6)
+        ZORV_WILDCARD_WORDS(7)
+        ZORV_WILDCARD_WORDS(8)
+#undef ZORV_WILDCARD_WORDS
+        default: return Run<0>(text, m_words, masks[0], masks[1], masks[2], masks[3], masks[4], row);
+    }
 }
 
 }  // namespace zorv

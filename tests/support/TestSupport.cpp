@@ -2,7 +2,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <memory>
+#include <thread>
 #include <random>
 #include <sstream>
 
@@ -90,6 +95,29 @@ std::string ReadFile(const std::filesystem::path& path) {
     std::ostringstream buffer;
     buffer << in.rdbuf();
     return buffer.str();
+}
+
+void WithinSeconds(int seconds, const char* what, const std::function<void()>& body) {
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+    };
+    auto shared = std::make_shared<Shared>();
+    std::thread worker([shared, &body] {
+        body();
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->finished = true;
+        shared->done.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(shared->mutex);
+    if (!shared->done.wait_for(lock, std::chrono::seconds(seconds), [&] { return shared->finished; })) {
+        std::fprintf(stderr, "FAILED: %s did not return within %d s\n", what, seconds);
+        std::fflush(stderr);
+        std::_Exit(1);
+    }
+    lock.unlock();
+    worker.join();
 }
 
 }  // namespace zorv::test

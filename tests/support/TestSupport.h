@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -67,6 +68,12 @@ std::u16string PathText(const std::filesystem::path& path);
 inline const ZorvChar* Host(const std::u16string& text) { return reinterpret_cast<const ZorvChar*>(text.c_str()); }
 
 void WriteFile(const std::filesystem::path& path, std::string_view contents);
+
+// Runs `body` and fails the whole test program when it has not returned
+// within `seconds`: a call that hangs (a FIFO opened for good) must end the
+// run with a message, not wedge it. The stuck thread cannot be reclaimed, so
+// the process exits at once.
+void WithinSeconds(int seconds, const char* what, const std::function<void()>& body);
 std::string ReadFile(const std::filesystem::path& path);
 
 }  // namespace zorv::test

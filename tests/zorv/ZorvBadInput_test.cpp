@@ -69,7 +69,8 @@ TEST_F(BadInput, RefusedImportsLeaveTheStoreUnchangedAndLookupsGoOn) {
     const Lines before = Snapshot();
     const std::string deep = R"({"Trustrules":)" + std::string(5000, '[') + std::string(5000, ']') + "}";
     for (const std::string& json : {std::string(R"({"rules":[)"), std::string(), deep,
-                                    std::string(R"([{"fileName":"array.exe"}])"), std::string("null")}) {
+                                    std::string(R"([{"fileName":"array.exe"}])"), std::string("null"),
+                                    std::string(R"({"rules":[]} {"rules":[{"fileName":"b.exe"}]})")}) {
         for (const char16_t* name : {u"items", u"trustrules"}) {
             EXPECT_EQ(Import(0, json, name), AC_E_FAILED) << json.substr(0, 40);
         }

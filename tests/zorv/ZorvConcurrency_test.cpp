@@ -107,5 +107,49 @@ TEST_F(ZorvConcurrency, EveryAnswerUnderLoadEqualsItsSingleThreadedReplay) {
     for (size_t i = 0; i < mix.size(); ++i) EXPECT_EQ(Ask(mix[i]), replay[i]) << "changed after the load: " << i;
 }
 
+// A start answered from the old rules while an import runs must not be cached
+// once the new rules are in force: the cache would keep allowing a target the
+// new ruleset does not allow. The import clears the cache before it parses, so
+// the stale entry comes from a start that looked up before the commit and
+// added after the clear.
+TEST_F(ZorvConcurrency, NoAllowFromReplacedRulesSurvivesTheImport) {
+    const std::u16string rulesetName = u"executionRules";
+    const auto ruleset = [](char16_t digit) {
+        return u"{\"rules\":[{\"fileName\":\"t.exe\",\"sha256\":\"" + std::u16string(64, digit) +
+               u"\",\"size\":0,\"action\":\"allow\"}]}";
+    };
+    const std::u16string allowsTarget = ruleset(u'a'), allowsOther = ruleset(u'b');
+    ZorvLogger::Instance().SetLevel(AC_LOG_ERROR);
+    AppControlConfig::Instance().SetLockdown(true);
+
+    PluginEvent start;
+    start.name = u"c:\\apps\\t.exe";
+    start.digestFill = 0xAA;
+    PluginEvent check = start;
+    check.type = AC_OP_CACHE_CHECK;
+
+    constexpr int kTries = 10;
+    int stale = 0;
+    for (int attempt = 0; attempt < kTries; ++attempt) {
+        ASSERT_EQ(set_ruleset_buffer(0, test::Host(allowsTarget), test::Host(rulesetName)), AC_OK);
+        ASSERT_EQ(Ask(start).second, AC_DECISION_ALLOW);
+        std::atomic<bool> stop{false};
+        std::atomic<int> allowed{0};
+        std::thread starter([&] {
+            PluginEvent own = start;
+            while (!stop.load()) {
+                if (Ask(own).second == AC_DECISION_ALLOW) ++allowed;
+            }
+        });
+        while (allowed.load() < 3) std::this_thread::yield();
+        EXPECT_EQ(set_ruleset_buffer(0, test::Host(allowsOther), test::Host(rulesetName)), AC_OK);
+        stop = true;
+        starter.join();
+        EXPECT_EQ(Ask(start).second, AC_DECISION_BLOCK) << "the new rules do not allow the target";
+        if (Ask(check).second == AC_DECISION_ALLOW) ++stale;
+    }
+    EXPECT_EQ(stale, 0) << "of " << kTries << " imports";
+}
+
 }  // namespace
 }  // namespace zorv

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "DalTestPeer.h"
 #include "SqliteProbe.h"
 #include "TestSupport.h"
-#include "ZorvDalTestPeer.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvLogger.h"
 

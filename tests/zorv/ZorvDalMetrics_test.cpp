@@ -66,7 +66,7 @@ TEST_F(ZorvDalMetrics, CountsBySourceRulesetAndUserGroup) {
                    "(2, NULL, NULL, NULL, 0);");
     }
     EXPECT_EQ("{\"totalInventoryItems\":7,\"agentRules\":1,\"executionRules\":3,\"scannedItems\":1,"
-              "\"approvedDrift\":1,\"totalTrustRules\":4,\"totalUserGroupTrustRules\":3,"
+              "\"approvedDrift\":1,\"PendingBufferedRows\":0,\"StoreHealthy\":true,\"totalTrustRules\":4,\"totalUserGroupTrustRules\":3,"
               "\"rulesets\":{\"base\":2,\"extra\":1},\"dbsize\":" +
                   std::to_string(std::filesystem::file_size(DbFile())) + "}",
               DbInfo());

@@ -4,6 +4,7 @@
 // the version under test, as that engine would have left them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -94,15 +95,56 @@ TEST_F(ZorvDalSchema, Version9RowsKeepTheirValuesAndNewColumnsStartEmpty) {
     EXPECT_EQ(probe.Count("Items"), 1) << "the view lists each item once";
 }
 
-TEST_F(ZorvDalSchema, NewerVersionIsThrownAwayAndRebuiltEmpty) {
+// A newer engine's store is kept whole beside the path (with its log) and a
+// fresh store starts in its place.
+TEST_F(ZorvDalSchema, NewerVersionIsMovedAsideAndAFreshStoreStarts) {
     BuildAtVersion(m_file, 16);
-    SqliteProbe(m_file).Exec("INSERT INTO InventoryItems(fileName, source) VALUES('a.exe', 2); "
-                             "PRAGMA user_version = 17");
-    ASSERT_TRUE(Open(m_file));  // the file is replaced: look at it through a new connection
+    {
+        SqliteProbe probe(m_file);
+        probe.Exec("INSERT INTO InventoryItems(fileName, source) VALUES('a.exe', 2); PRAGMA user_version = 17");
+        test::LogCapture::Instance().Clear();
+        ASSERT_TRUE(Open(m_file));
+    }
+    const auto messages = test::LogCapture::Instance().Messages();
+    EXPECT_TRUE(std::any_of(messages.begin(), messages.end(),
+                            [](const std::u16string& m) { return m.find(u"moved aside to") != std::u16string::npos; }));
     SqliteProbe probe(m_file);
     EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "16");
     EXPECT_EQ(probe.Count("InventoryItems"), 0);
     EXPECT_EQ(probe.Count("AppControlState"), 10);
+
+    std::vector<std::filesystem::path> moved;
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.path())) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("ac.db.v17-", 0) == 0 && name.find("-wal") == std::string::npos &&
+            name.find("-shm") == std::string::npos) {
+            moved.push_back(entry.path());
+        }
+    }
+    ASSERT_EQ(moved.size(), 1u);
+    // ac.db.v17-YYYYMMDDTHHMMSSZ
+    EXPECT_EQ(moved[0].filename().string().size(), std::string("ac.db.v17-20261124T031500Z").size());
+    SqliteProbe kept(moved[0]);
+    EXPECT_EQ(kept.Scalar("PRAGMA user_version"), "17");
+    EXPECT_EQ(kept.Lines("SELECT fileName FROM InventoryItems"), Lines{"a.exe"});
+}
+
+// A second newer store moved within the same second does not replace the first.
+TEST_F(ZorvDalSchema, TwoNewerStoresMovedAsideBothSurvive) {
+    for (int round = 0; round < 2; ++round) {
+        BuildAtVersion(m_file, 16);
+        SqliteProbe(m_file).Exec("PRAGMA user_version = " + std::to_string(17 + round));
+        ASSERT_TRUE(Open(m_file));
+    }
+    int kept = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.path())) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("ac.db.v1", 0) == 0 && name.find("-shm") == std::string::npos &&
+            name.find("-wal") == std::string::npos) {
+            ++kept;
+        }
+    }
+    EXPECT_EQ(kept, 2);
 }
 
 // Versions 1..3 and negative ones lie outside what the migration knows: the
@@ -140,16 +182,19 @@ TEST_F(ZorvDalSchema, NonDatabaseFileOrFolderIsRefusedAndLeftIntact) {
     EXPECT_TRUE(std::filesystem::is_directory(folder));
 }
 
-// A script raises the version before its transaction, so a script that fails
-// half-way leaves the number raised and the next open resumes after it.
-TEST_F(ZorvDalSchema, FailedScriptLeavesItsVersionRaised) {
+// A step commits its changes and its version together: one that fails
+// half-way leaves the previous version whole, and the next open runs it again.
+TEST_F(ZorvDalSchema, FailedStepLeavesThePreviousVersionWhole) {
     BuildAtVersion(m_file, 9);
     SqliteProbe probe(m_file);
     probe.Exec("CREATE INDEX TrustRules_signerName ON TrustRules(signerName)");
     EXPECT_FALSE(Open(m_file));
-    EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "10");
-    // The open transaction was rolled back: entry 6 never created its other index.
+    EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "9");
     EXPECT_EQ(probe.Count("sqlite_master WHERE name = 'TrustRules_processName'"), 0);
+    probe.Exec("DROP INDEX TrustRules_signerName");
+    EXPECT_TRUE(Open(m_file));
+    EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "16");
+    EXPECT_EQ(probe.Count("sqlite_master WHERE type = 'index'"), 13);
 }
 
 }  // namespace

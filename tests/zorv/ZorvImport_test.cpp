@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "EngineTestFixture.h"
+#include "ZorvWildcard.h"
 
 namespace zorv {
 namespace {
@@ -121,6 +122,24 @@ TEST_F(ImportTest, AgentManifestKeepsMachineItemsAndAlwaysEmptiesTrustTables) {
     EXPECT_EQ(Rows("SELECT fileName FROM InventoryItems WHERE source IN (1, 2)"), Lines{"both.exe"})
         << "with both words in the name, \"agent\" wins";
     EXPECT_EQ(Counts(), "5|0|0");
+}
+
+TEST_F(ImportTest, OverlongPatternSkipsItsRuleWithAWarningAndTheRestGoesOn) {
+    const std::string fits(WildcardPattern::kMaxPatternUnits, '*');
+    const std::string tooLong = "c:\\\\" + std::string(WildcardPattern::kMaxPatternUnits, 'a');
+    const std::string trust = R"({"Trustrules":[{"processName":"a.exe","paths":")" + fits +
+                              R"("},{"processName":"b.exe","paths":")" + tooLong +
+                              R"("},{"processName":")" + tooLong + R"("},{"processName":"d.exe"}]})";
+    ASSERT_EQ(ImportBuffer(0, trust, u"TrustRules_Long"), AC_OK);
+    EXPECT_EQ(Rows("SELECT processName FROM TrustRules ORDER BY trustRuleId"), (Lines{"a.exe", "d.exe"}));
+    size_t warnings = 0;
+    for (const auto& line : test::LogCapture::Instance().Lines()) {
+        if (line.level == AC_LOG_WARNING && line.message.starts_with(u"Trust rule skipped: pattern of 263 units")) {
+            EXPECT_NE(line.message.find(u"c:\\aaaa"), std::u16string::npos);
+            ++warnings;
+        }
+    }
+    EXPECT_EQ(warnings, 2u);
 }
 
 TEST_F(ImportTest, TrustRulesetStoresEveryFieldAndItsUserLists) {

@@ -115,6 +115,19 @@ TEST_F(ZorvQueryScript, OnlyOneLineScriptsWithATrustedHeaderAreTrusted) {
     EXPECT_FALSE(m_query.ShouldTrustDrift(9, notAScript, isFinal));
 }
 
+TEST_F(ZorvQueryScript, DriftTrustAnswersForNamesThatAreNotTextOrNotFiles) {
+    // A lone surrogate cannot become a native path; the test must still answer.
+    EngineEvent surrogate = Script("# ok");
+    surrogate.name += u"\xD800.ps1";
+    bool isFinal = true;
+    EXPECT_FALSE(m_query.ShouldTrustDrift(9, surrogate, isFinal));
+    // A folder in the script's place is refused, not read.
+    EngineEvent folder = Script("# ok");
+    std::filesystem::remove(test::U8(folder.name));
+    std::filesystem::create_directory(test::U8(folder.name));
+    EXPECT_FALSE(m_query.ShouldTrustDrift(9, folder, isFinal));
+}
+
 TEST_F(ZorvQueryScript, DriftTrustFollowsTheWritersTypeOperationAndPaths) {
     EngineEvent event = FileEvent(u"c:\\windows\\installer\\x.msi");
     event.processName = u"C:\\Windows\\System32\\msiexec.exe";

@@ -170,6 +170,46 @@ TEST_F(ZorvStore, ClosedStoreFailsButKeepsBufferedItemsForTheNextOpen) {
     EXPECT_EQ(1, m_probe->Count("InventoryItems"));
 }
 
+// Another program holding the write lock past the busy timeout fails the
+// flush; its rows stay buffered and the next flush stores each of them once.
+TEST_F(ZorvStore, FlushBlockedByAForeignLockKeepsItsRowsForTheNextFlush) {
+    ASSERT_TRUE(m_probe->Exec("BEGIN IMMEDIATE"));
+    for (int i = 0; i < 51; ++i) {
+        EngineEvent event = Item(u"c:\\scan\\", Numbered(u"f", i));
+        ASSERT_EQ(1u, m_dal.StoreItemBuffer(event)) << "accepted, though not yet stored";
+    }
+    ASSERT_TRUE(m_probe->Exec("COMMIT"));
+    EXPECT_EQ(0, m_probe->Count("InventoryItems"));
+    EXPECT_EQ(51u, m_dal.StoreItemFlush());
+    EXPECT_EQ(0u, m_dal.StoreItemFlush());
+    EXPECT_EQ(51, m_probe->Count("(SELECT DISTINCT fileName FROM InventoryItems)"));
+    EXPECT_EQ(51, m_probe->Count("InventoryItems"));
+}
+
+// The buffers hold a bounded number of rows together: once full, and while
+// no flush can empty them, a buffered store is refused instead of accepted.
+TEST_F(ZorvStore, FullBuffersRefuseABufferedStoreUntilAFlushEmptiesThem) {
+    m_dal.Shutdown();
+    for (size_t i = 0; i < ZorvDAL::kMaxBufferedRows; ++i) {
+        ASSERT_EQ(1u, m_dal.StoreUserListBuffer(UserListRecord{u"list", u"user"})) << i;
+    }
+    EngineEvent refused = Item(u"c:\\p\\", u"refused.exe");
+    EXPECT_EQ(0u, m_dal.StoreItemBuffer(refused));
+    EXPECT_EQ(0u, m_dal.StoreTrustRuleBuffer(TrustRuleRecord{}));
+
+    ASSERT_TRUE(m_dal.InitDB());
+    cJSON* dbinfo = cJSON_CreateObject();
+    m_dal.PrepareMetricsDBInfo(dbinfo);
+    EXPECT_EQ(cJSON_GetNumberValue(cJSON_GetObjectItem(dbinfo, "PendingBufferedRows")),
+              static_cast<double>(ZorvDAL::kMaxBufferedRows));
+    cJSON_Delete(dbinfo);
+    // The next buffered store finds the buffers full, flushes them and is accepted.
+    EXPECT_NE(0u, m_dal.StoreItemBuffer(refused));
+    EXPECT_EQ(static_cast<long long>(ZorvDAL::kMaxBufferedRows), m_probe->Count("UserList"));
+    EXPECT_EQ(1u, m_dal.StoreItemFlush());
+    EXPECT_EQ(1, m_probe->Count("InventoryItems"));
+}
+
 TEST_F(ZorvStore, ConcurrentStoresLoseNothing) {
     constexpr int kThreads = 4, kPerThread = 300;
     std::vector<std::thread> threads;

@@ -9,7 +9,7 @@
 
 #include "SqliteProbe.h"
 #include "TestSupport.h"
-#include "ZorvDalTestPeer.h"
+#include "DalTestPeer.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvLogger.h"
 

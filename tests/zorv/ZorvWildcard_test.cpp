@@ -7,6 +7,7 @@
 
 #include "TestSupport.h"
 #include "ZorvDataAccessLayer.h"
+#include "ZorvWildcard.h"
 
 namespace zorv {
 namespace {
@@ -41,16 +42,91 @@ TEST(Wildcard, PatternsMatchLevelByLevel) {
     for (const Case& c : cases) EXPECT_EQ(Match(c.text, c.pattern), c.matches) << test::U8(c.text) << " ~ " << test::U8(c.pattern);
 }
 
-TEST(Wildcard, CostStaysBoundedOnHostilePatterns) {
-    // Backtracking matchers take exponential time here; the state table does not.
+TEST(Wildcard, HostilePatternsAtTheLimitStillAnswer) {
+    // Backtracking matchers take exponential time here; the automaton does not.
     const std::u16string text(4000, u'a');
     std::u16string pattern;
-    for (int i = 0; i < 200; ++i) pattern += u"a*";
+    while (pattern.size() + 2 <= WildcardPattern::kMaxPatternUnits) pattern += u"a*";
     EXPECT_FALSE(Match(text + u"b", pattern + u"c"));
     EXPECT_TRUE(Match(text, pattern));
     std::u16string levels;
-    for (int i = 0; i < 200; ++i) levels += u"**\\";
+    while (levels.size() + 3 <= WildcardPattern::kMaxPatternUnits) levels += u"**\\";
     EXPECT_TRUE(Match(std::u16string(300, u'\\'), levels));
+}
+
+TEST(Wildcard, ListsLongerThanTheLimitMatchNothing) {
+    const std::u16string fits(WildcardPattern::kMaxPatternUnits, u'*');
+    EXPECT_TRUE(WildcardPattern::Fits(fits));
+    EXPECT_TRUE(WildcardPattern::CompileList(fits).Match(u"x"));
+    EXPECT_FALSE(WildcardPattern::Fits(fits + u"*"));
+    EXPECT_FALSE(WildcardPattern::CompileList(fits + u"*").Match(u"x"));
+}
+
+// The plain definition, one table of (text prefix, pattern prefix) pairs: slow
+// but obviously right, to hold the bit-parallel automaton against.
+bool Reference(std::u16string_view text, std::u16string_view pattern) {
+    if (text == pattern) return true;
+    if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return false;
+    std::u16string p(pattern);
+    if (p.size() >= 2 && p.compare(p.size() - 2, 2, u"**") == 0) p += u"\\*";
+    if (!p.empty() && (p.back() == u'\\' || p.back() == u'/')) p += u'*';
+    const auto sep = [](char16_t c) { return c == u'\\' || c == u'/'; };
+    // ok[i][j]: text[i..] matches p[j..]. Filled from the ends backwards.
+    std::vector<std::vector<char>> ok(text.size() + 1, std::vector<char>(p.size() + 1, 0));
+    ok[text.size()][p.size()] = 1;
+    for (size_t i = text.size() + 1; i-- > 0;) {
+        for (size_t j = p.size(); j-- > 0;) {
+            const bool more = i < text.size();
+            char result = 0;
+            if (p[j] == u'*' && j + 2 < p.size() && p[j + 1] == u'*' && sep(p[j + 2])) {
+                result = ok[i][j + 3];  // no levels
+                for (size_t k = i; k < text.size() && !result; ++k) {
+                    if (sep(text[k]) && ok[k + 1][j + 3]) result = 1;
+                }
+            } else if (p[j] == u'*') {
+                result = ok[i][j + 1] || (more && !sep(text[i]) && ok[i + 1][j]);
+            } else if (p[j] == u'?') {
+                result = more && !sep(text[i]) && ok[i + 1][j + 1];
+            } else {
+                result = more && text[i] == p[j] && ok[i + 1][j + 1];
+            }
+            ok[i][j] = result;
+        }
+    }
+    return ok[0][0] != 0;
+}
+
+TEST(Wildcard, AgreesWithThePlainDefinitionOnRandomPatternsAndLists) {
+    // Small alphabets make matches frequent; long lists spread the automaton
+    // over several machine words, where the carries between words matter.
+    const std::u16string alphabet = u"ab\\/*?";
+    uint32_t seed = 12345;
+    const auto next = [&seed](uint32_t bound) {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 8) % bound;
+    };
+    int matches = 0;
+    for (int round = 0; round < 4000; ++round) {
+        std::vector<std::u16string> pieces(1 + next(round % 7 == 0 ? 30 : 3));
+        std::u16string list;
+        for (auto& piece : pieces) {
+            const size_t length = next(9);
+            for (size_t k = 0; k < length; ++k) piece += alphabet[next(static_cast<uint32_t>(alphabet.size()))];
+            if (!list.empty()) list += u';';
+            list += piece;
+        }
+        const WildcardPattern compiled = WildcardPattern::CompileList(list);
+        for (int t = 0; t < 8; ++t) {
+            std::u16string text;
+            const size_t length = next(12);
+            for (size_t k = 0; k < length; ++k) text += alphabet[next(4)];
+            bool expected = false;
+            for (const auto& piece : pieces) expected = expected || (!piece.empty() && Reference(text, piece));
+            ASSERT_EQ(compiled.Match(text), expected) << test::U8(text) << " ~ " << test::U8(list);
+            matches += expected ? 1 : 0;
+        }
+    }
+    EXPECT_GT(matches, 1000);
 }
 
 TEST(RulePathList, EachNonEmptyPatternIsTriedAfterLowerCasing) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "EngineTestFixture.h"
+#include "ZorvDataAccessLayer.h"
 #include "platform/Platform.h"
 
 namespace zorv {
@@ -56,7 +57,11 @@ TEST(Exports, EveryExportAnswersNotStartedBeforeStart) {
         {engine_stop(), AC_OK},  // nothing to stop
     };
     for (size_t i = 0; i < answers.size(); ++i) EXPECT_EQ(answers[i].first, answers[i].second) << "call " << i;
-    EXPECT_EQ(result.action, 0xCDCDCDCDu) << "an unstarted engine must not touch the result";
+    // Filled even so: a host that reads the record without checking the
+    // status must find "undecided", not its own stale bytes.
+    EXPECT_EQ(result.action, AC_DECISION_ERROR);
+    EXPECT_EQ(result.source, 0u);
+    EXPECT_EQ(result.text[0], 0);
     EXPECT_EQ(Switches(), std::vector<bool>(5, false)) << "set_config changed the policy";
 }
 
@@ -86,6 +91,24 @@ TEST_F(ExportsTest, StartStopAndRestartKeepThePolicy) {
     EXPECT_EQ(Switches(), std::vector<bool>(5, true)) << "a restart keeps the policy";
     EXPECT_EQ(AppControlConfig::Instance().AutoAuthorizeStartTime(), 1000u);
     EXPECT_EQ(AppControlConfig::Instance().AutoAuthorizeEndTime(), 2000u);
+}
+
+// A start that cannot open its store leaves nothing open: the next start may
+// name another file and succeeds.
+TEST_F(ExportsTest, FailedStartLeavesNothingOpenAndALaterStartSucceeds) {
+    engine_stop();
+    const auto bad = m_dir / "not-a-database.db";
+    test::WriteFile(bad, std::string(8192, 'x'));
+    const std::u16string badPath = test::PathText(bad);
+    const EngineStartParams badStart = test::StartParams(&badPath);
+    EXPECT_EQ(engine_start(&badStart), AC_E_DB_OPEN);
+    EXPECT_EQ(engine_start(&badStart), AC_E_DB_OPEN) << "the same file is tried again, from the start";
+    EXPECT_FALSE(ZorvDAL::Instance().IsOpen());
+    const std::u16string goodPath = test::PathText(m_dir / "good.db");
+    const EngineStartParams goodStart = test::StartParams(&goodPath);
+    EXPECT_EQ(engine_start(&goodStart), AC_OK);
+    EXPECT_NE(ZorvEngine::GetEngine(), nullptr);
+    EXPECT_EQ(test::ReadFile(bad), std::string(8192, 'x'));
 }
 
 TEST_F(ExportsTest, SetConfigStatesTheWholePolicyAndIgnoresUnknownBits) {
@@ -127,6 +150,12 @@ TEST_F(ExportsTest, MaintenanceWindowIsStampedWhenItEndsAndRestoredAfterALoad) {
     ASSERT_EQ(set_config(0, 31, 32), AC_OK);
     EXPECT_EQ(config.AutoAuthorizeStartTime(), kStart);
     EXPECT_EQ(config.AutoAuthorizeEndTime(), stamped);
+
+    // An unknown time goes into the store as the "-1" it was seeded with.
+    ASSERT_EQ(set_config(AC_CONFIG_AUTO_AUTHORIZE, ~uint64_t{0}, ~uint64_t{0}), AC_OK);
+    EXPECT_EQ(Probe().Lines("SELECT settingValue FROM AppControlState WHERE settingName IN "
+                            "('autoAuthorizeStartTime', 'autoAuthorizeEndTime')"),
+              (std::vector<std::string>{"-1", "-1"}));
 }
 
 TEST(AppCtlResultRecord, CopiesTheVerdictAndBoundsTheTextTo80Units) {

@@ -39,9 +39,15 @@ public:
     OplockReader(const OplockReader&) = delete;
     OplockReader& operator=(const OplockReader&) = delete;
 
-    // False when the file cannot be opened (or, on Windows, the oplock is refused).
+    // False when the file cannot be opened (or, on Windows, the oplock is
+    // refused). The files read are named by events and hosts, so the open can
+    // neither block nor be redirected: a link (reparse point) in the last
+    // component, a FIFO (named pipe), a device or a directory is refused with
+    // error 5 and never read.
     bool Open(std::u16string_view path);
     bool IsOpen() const;
+    // The file's size when it was opened; 0 when not open.
+    uint64_t Size() const;
     // Bytes read; 0 at end of file or on failure, and the reader is then closed.
     size_t Read(void* buffer, size_t count);
     // Safe to call twice.
@@ -55,8 +61,11 @@ private:
     uint32_t m_error = 0;
 };
 
-// Writes a file from the start, replacing whatever was there; shared so that
-// other programs may read it meanwhile.
+// Writes a new file, shared so that other programs may read it meanwhile.
+// Open creates the file and fails when anything already has the name (a
+// file, a link, a FIFO): it never writes through a link or into an existing
+// file, which is what makes write-beside-then-ReplaceFile safe in a folder
+// others can write to.
 class FileWriter {
 public:
     FileWriter();
@@ -95,6 +104,21 @@ private:
     std::unique_ptr<Native> m_native;
 };
 
+// What a directory entry is, without following a link in its last component.
+enum class EntryKind {
+    Missing,  // nothing has the name (or its folder is missing)
+    Regular,  // a regular file
+    Other     // a link (reparse point), directory, FIFO (named pipe), device...
+};
+EntryKind KindOfEntry(std::u16string_view path);
+
+// Removes a name; a link is removed itself, never what it points to.
+bool RemoveFile(std::u16string_view path);
+
+// Gives `from` the name `to` in one step, replacing what had it (a link is
+// replaced itself, never written through). `error` holds the Windows error.
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error);
+
 // Local calendar time of a moment given in seconds since 1970-01-01 UTC.
 bool LocalTime(int64_t secondsSince1970, std::tm& out);
 
@@ -114,9 +138,11 @@ struct FileStatus {
 bool StatFile(std::u16string_view path, FileStatus& out);
 
 // A file's last-access and last-write times as Windows file times (100-ns
-// ticks since 1601-01-01 UTC). The file is opened for reading, shared for
-// reading only. On failure `error` holds the Windows error number and
-// `openFailed` says whether the open or the time query failed.
+// ticks since 1601-01-01 UTC), read from the directory entry without opening
+// the file, which could block (a FIFO, a named pipe). Only a regular file
+// answers: a link (reparse point), directory or other special file gives
+// error 5. On failure `error` holds the Windows error number and
+// `openFailed` says whether the path or the time query failed.
 struct FileTimes {
     uint64_t lastAccess = 0;
     uint64_t lastWrite = 0;

@@ -49,6 +49,11 @@ public:
 
     int get() const { return m_fd; }
     bool valid() const { return m_fd >= 0; }
+    int Release() {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
     void Reset(int fd = -1) {
         if (m_fd >= 0) ::close(m_fd);
         m_fd = fd;
@@ -66,6 +71,29 @@ int OpenRetrying(const std::string& path, int flags, mode_t mode = 0) {
         fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
     } while (fd < 0 && errno == EINTR);
     return fd;
+}
+
+// Opens a file an untrusted party may control, for reading, in a way that can
+// neither block nor be redirected: O_NONBLOCK returns at once from a FIFO
+// without a writer, O_NOFOLLOW refuses a link in the last component, and
+// anything but a regular file (FIFO, device, socket, directory) is refused.
+// The error is set and -1 returned on refusal.
+int OpenRegularFile(const std::string& path, uint32_t& error, struct stat& st) {
+    ScopedFd fd(OpenRetrying(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
+    if (!fd.valid()) {
+        // A link in the last component fails with ELOOP: not a file we read.
+        error = errno == ELOOP ? kErrorAccessDenied : PosixError(errno);
+        return -1;
+    }
+    if (::fstat(fd.get(), &st) != 0) {
+        error = PosixError(errno);
+        return -1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        error = kErrorAccessDenied;
+        return -1;
+    }
+    return fd.Release();
 }
 
 // What must not change while a guarded read is under way.
@@ -105,25 +133,15 @@ bool OplockReader::Open(std::u16string_view path) {
     Close();
     m_error = 0;
     auto native = std::make_unique<Native>();
-    native->fd.Reset(OpenRetrying(NativePath(path), O_RDONLY));
-    if (!native->fd.valid()) {
-        m_error = PosixError(errno);
-        return false;
-    }
     struct stat st {};
-    if (::fstat(native->fd.get(), &st) != 0) {
-        m_error = PosixError(errno);
-        return false;
-    }
-    // Windows refuses to read a directory's data; so do we, at the same place.
-    if (S_ISDIR(st.st_mode)) {
-        m_error = kErrorAccessDenied;
-        return false;
-    }
+    native->fd.Reset(OpenRegularFile(NativePath(path), m_error, st));
+    if (!native->fd.valid()) return false;
     Identity::Of(native->fd.get(), native->opened);
     m_native = std::move(native);
     return true;
 }
+
+uint64_t OplockReader::Size() const { return m_native ? static_cast<uint64_t>(m_native->opened.size) : 0; }
 
 bool OplockReader::IsOpen() const { return m_native != nullptr && m_native->fd.valid(); }
 
@@ -173,7 +191,7 @@ bool FileWriter::Open(std::u16string_view path) {
     Close();
     m_error = 0;
     auto native = std::make_unique<Native>();
-    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK, 0644));
     if (!native->fd.valid()) {
         m_error = PosixError(errno);
         return false;
@@ -281,20 +299,15 @@ uint64_t ToFileTime(const struct timespec& t) {
 bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, bool& openFailed) {
     error = 0;
     openFailed = false;
-    ScopedFd fd(OpenRetrying(NativePath(path), O_RDONLY));
-    if (!fd.valid()) {
+    // No open at all: opening a FIFO waits for a writer, for ever. lstat also
+    // leaves a link unresolved, and only a regular file has times we trust.
+    struct stat st {};
+    if (::lstat(NativePath(path).c_str(), &st) != 0) {
         error = PosixError(errno);
         openFailed = true;
         return false;
     }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) {
-        error = PosixError(errno);
-        return false;
-    }
-    // CreateFileW without backup semantics refuses a directory; POSIX opens
-    // it happily, so refuse it here to give callers the same answer.
-    if (S_ISDIR(st.st_mode)) {
+    if (!S_ISREG(st.st_mode)) {
         error = kErrorAccessDenied;
         openFailed = true;
         return false;
@@ -302,6 +315,21 @@ bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, boo
     out.lastAccess = ToFileTime(st.st_atim);
     out.lastWrite = ToFileTime(st.st_mtim);
     return true;
+}
+
+EntryKind KindOfEntry(std::u16string_view path) {
+    struct stat st {};
+    if (::lstat(NativePath(path).c_str(), &st) != 0) return errno == ENOENT ? EntryKind::Missing : EntryKind::Other;
+    return S_ISREG(st.st_mode) ? EntryKind::Regular : EntryKind::Other;
+}
+
+bool RemoveFile(std::u16string_view path) { return ::unlink(NativePath(path).c_str()) == 0; }
+
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+    error = 0;
+    if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
+    error = PosixError(errno);
+    return false;
 }
 
 bool IsReparsePoint(std::u16string_view path) {

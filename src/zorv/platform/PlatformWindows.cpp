@@ -52,6 +52,16 @@ private:
     HANDLE m_handle = nullptr;
 };
 
+// A disk file that is neither a directory nor a reparse point: named pipes,
+// consoles and other devices report another type, and backup semantics open
+// directories too, whose overlapped reads may never complete.
+bool IsRegularDiskFile(HANDLE file) {
+    if (::GetFileType(file) != FILE_TYPE_DISK) return false;
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!::GetFileInformationByHandle(file, &info)) return false;
+    return (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
+}
+
 }  // namespace
 
 // ---- OplockReader -------------------------------------------------------
@@ -65,6 +75,7 @@ struct OplockReader::Native {
     REQUEST_OPLOCK_INPUT_BUFFER request{};
     REQUEST_OPLOCK_OUTPUT_BUFFER answer{};
     bool holdsOplock = false;  // false: the volume has no oplocks, plain shared read
+    uint64_t size = 0;
 
     ~Native() {
         // The kernel may still write into the OVERLAPPED blocks of a pending
@@ -96,22 +107,23 @@ bool OplockReader::Open(std::u16string_view path) {
     native->read.hEvent = native->readEvent.get();
 
     const std::wstring nativePath = NativePath(path);
+    // The reparse point itself is opened, never what it points to, and the
+    // handle is checked before any read: only a plain disk file is read.
     native->file.Reset(::CreateFileW(nativePath.c_str(), GENERIC_READ,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                     FILE_FLAG_OVERLAPPED | FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN,
+                                     FILE_FLAG_OVERLAPPED | FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN |
+                                         FILE_FLAG_OPEN_REPARSE_POINT,
                                      nullptr));
     if (!native->file.valid()) {
         m_error = WindowsError();
         return false;
     }
-    // Backup semantics open directories too, and an overlapped read of one
-    // may never complete; refuse it the way POSIX refuses to read one.
-    BY_HANDLE_FILE_INFORMATION info{};
-    if (::GetFileInformationByHandle(native->file.get(), &info) &&
-        (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    if (!IsRegularDiskFile(native->file.get())) {
         m_error = kErrorAccessDenied;
         return false;
     }
+    LARGE_INTEGER size{};
+    if (::GetFileSizeEx(native->file.get(), &size)) native->size = static_cast<uint64_t>(size.QuadPart);
 
     native->request.StructureVersion = REQUEST_OPLOCK_CURRENT_VERSION;
     native->request.StructureLength = sizeof(REQUEST_OPLOCK_INPUT_BUFFER);
@@ -147,6 +159,8 @@ bool OplockReader::Open(std::u16string_view path) {
 }
 
 bool OplockReader::IsOpen() const { return m_native != nullptr && m_native->file.valid(); }
+
+uint64_t OplockReader::Size() const { return m_native ? m_native->size : 0; }
 
 size_t OplockReader::Read(void* buffer, size_t count) {
     if (!IsOpen() || buffer == nullptr || count == 0) {
@@ -208,9 +222,10 @@ bool FileWriter::Open(std::u16string_view path) {
     m_error = 0;
     auto native = std::make_unique<Native>();
     const std::wstring nativePath = NativePath(path);
+    // CREATE_NEW fails on any existing name, a reparse point included.
     native->file.Reset(::CreateFileW(nativePath.c_str(), GENERIC_WRITE,
-                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS,
-                                     FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_NEW,
+                                     FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (!native->file.valid()) {
         m_error = WindowsError();
         return false;
@@ -319,25 +334,42 @@ uint64_t ToTicks(const FILETIME& time) {
 bool GetFileTimes(std::u16string_view path, FileTimes& out, uint32_t& error, bool& openFailed) {
     error = 0;
     openFailed = false;
-    const std::wstring nativePath = NativePath(path);
-    // Sharing read only: a writer holding the file makes this fail rather
-    // than report times that are about to change.
-    ScopedHandle file(::CreateFileW(nativePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file.valid()) {
+    // The directory entry answers without an open, which a named pipe could
+    // hold up; it also describes a reparse point itself, not its target.
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!::GetFileAttributesExW(NativePath(path).c_str(), GetFileExInfoStandard, &data)) {
         error = WindowsError();
         openFailed = true;
         return false;
     }
-    FILETIME lastAccess{};
-    FILETIME lastWrite{};
-    if (!::GetFileTime(file.get(), nullptr, &lastAccess, &lastWrite)) {
-        error = WindowsError();
+    if ((data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE)) !=
+        0) {
+        error = kErrorAccessDenied;
+        openFailed = true;
         return false;
     }
-    out.lastAccess = ToTicks(lastAccess);
-    out.lastWrite = ToTicks(lastWrite);
+    out.lastAccess = ToTicks(data.ftLastAccessTime);
+    out.lastWrite = ToTicks(data.ftLastWriteTime);
     return true;
+}
+
+EntryKind KindOfEntry(std::u16string_view path) {
+    const DWORD attributes = ::GetFileAttributesW(NativePath(path).c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        const DWORD error = ::GetLastError();
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? EntryKind::Missing : EntryKind::Other;
+    }
+    const DWORD notRegular = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
+    return (attributes & notRegular) == 0 ? EntryKind::Regular : EntryKind::Other;
+}
+
+bool RemoveFile(std::u16string_view path) { return ::DeleteFileW(NativePath(path).c_str()) != FALSE; }
+
+bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+    error = 0;
+    if (::MoveFileExW(NativePath(from).c_str(), NativePath(to).c_str(), MOVEFILE_REPLACE_EXISTING)) return true;
+    error = WindowsError();
+    return false;
 }
 
 bool IsReparsePoint(std::u16string_view path) {

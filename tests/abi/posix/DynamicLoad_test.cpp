@@ -1,9 +1,15 @@
 // An agent loads the library at run time and resolves what it needs by name;
 // the cJSON API must come from the same library, and nothing else may leak.
+#include <cjson/cJSON.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <array>
 #include <cstdio>
 #include <set>
@@ -65,12 +71,14 @@ TEST(DynamicLoad, ResolvesEveryExportAndCallsThem) {
 TEST(DynamicLoad, TheCJsonApiForwardsToTheDependency) {
     Library library;
     ASSERT_NE(library.handle, nullptr) << dlerror();
-    using Parse = void* (*)(const char*);
-    using GetItem = void* (*)(const void*, const char*);
-    using GetNumber = double (*)(const void*);
-    using Print = char* (*)(const void*);
-    using Delete = void (*)(void*);
-    using Free = void (*)(void*);
+    // The exact types: a call through a pointer of another function type is
+    // undefined, and UBSan's function check reports it.
+    using Parse = decltype(&cJSON_Parse);
+    using GetItem = decltype(&cJSON_GetObjectItem);
+    using GetNumber = decltype(&cJSON_GetNumberValue);
+    using Print = decltype(&cJSON_PrintUnformatted);
+    using Delete = decltype(&cJSON_Delete);
+    using Free = decltype(&cJSON_free);
     auto parse = reinterpret_cast<Parse>(dlsym(library.handle, "cJSON_Parse"));
     auto getItem = reinterpret_cast<GetItem>(dlsym(library.handle, "cJSON_GetObjectItem"));
     auto getNumber = reinterpret_cast<GetNumber>(dlsym(library.handle, "cJSON_GetNumberValue"));
@@ -79,7 +87,7 @@ TEST(DynamicLoad, TheCJsonApiForwardsToTheDependency) {
     auto release = reinterpret_cast<Free>(dlsym(library.handle, "cJSON_free"));
     ASSERT_TRUE(parse && getItem && getNumber && print && destroy && release);
 
-    void* root = parse("{\"size\": 42, \"name\": \"a\"}");
+    cJSON* root = parse("{\"size\": 42, \"name\": \"a\"}");
     ASSERT_NE(root, nullptr);
     EXPECT_EQ(getNumber(getItem(root, "size")), 42.0);
     char* text = print(root);
@@ -102,4 +110,71 @@ TEST(DynamicLoad, ExportsExactlyTheEngineAndTheCJsonApi) {
     }
     EXPECT_EQ(names.count("cJSON_Parse"), 1u);
     EXPECT_GE(names.size(), kExports.size() + 70);
+}
+
+namespace {
+
+std::atomic<bool> g_exiting{false};
+void Exiting() { g_exiting = true; }
+// The host's callback: any line after exit began is reported.
+void LateLine(uint32_t, uint32_t, const ZorvChar*, const ZorvChar*, const ZorvChar*, uint32_t) {
+    if (g_exiting) std::fputs("late log callback\n", stdout);
+}
+
+}  // namespace
+
+// The child half of the test below: start, leave a row buffered, and exit
+// without engine_stop.
+TEST(DynamicLoad, ExitChild) {
+    const char* dbFile = std::getenv("ZORV_EXIT_CHILD_DB");
+    if (dbFile == nullptr) GTEST_SKIP() << "run by ExitWithoutStopMakesNoCallback";
+    Library library;
+    ASSERT_NE(library.handle, nullptr) << dlerror();
+    auto start = reinterpret_cast<uint32_t (*)(const EngineStartParams*)>(dlsym(library.handle, "engine_start"));
+    auto store =
+        reinterpret_cast<uint32_t (*)(const InventoryItemRecord*, uint8_t)>(dlsym(library.handle, "store_item"));
+    ASSERT_TRUE(start && store);
+    const std::string file(dbFile);
+    const std::u16string dbPath(file.begin(), file.end());
+    EngineStartParams params{};
+    params.dbPath = dbPath.c_str();
+    params.logLevel = 0xF;
+    params.logCallback = LateLine;
+    ASSERT_EQ(start(&params), AC_OK);
+    const std::u16string name = u"a.exe", path = u"/opt/", full = u"/opt/a.exe", ruleset = u"";
+    InventoryItemRecord item{};
+    item.source = 3;
+    item.fileName = name.c_str();
+    item.path = path.c_str();
+    item.fullPath = full.c_str();
+    item.ruleset = ruleset.c_str();
+    ASSERT_EQ(store(&item, 1), AC_OK);
+    // Registered after the library's own exit-time work, so it runs first.
+    std::atexit(Exiting);
+    std::fflush(stdout);
+    std::exit(0);
+}
+
+// A host that exits without stopping the engine hears nothing from it once
+// exit has begun: the library's exit-time teardown must not call the host.
+TEST(DynamicLoad, ExitWithoutStopMakesNoCallback) {
+    char folder[] = "/tmp/zorv-exit-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string file = std::string(folder) + "/ac.db";
+    // The test binary itself, by its real name (the shell's /proc/self is the shell).
+    char self[4096] = {};
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    ASSERT_GT(length, 0);
+    const std::string run = "ZORV_EXIT_CHILD_DB='" + file + "' timeout 60 '" + std::string(self) +
+                            "' --gtest_filter=DynamicLoad.ExitChild 2>&1";
+    FILE* pipe = popen(run.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[4096];
+    size_t n = 0;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+    const int status = pclose(pipe);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_EQ(output.find("late log callback"), std::string::npos) << output;
+    EXPECT_EQ(std::system(("rm -rf '" + std::string(folder) + "'").c_str()), 0);
 }

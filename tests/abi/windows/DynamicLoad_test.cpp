@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <array>
 #include <set>
 #include <string>
@@ -106,4 +109,75 @@ TEST(DynamicLoad, ExportsExactlyTheEngineAndTheCJsonApi) {
     }
     EXPECT_EQ(names.count("cJSON_Parse"), 1u);
     EXPECT_EQ(names.size(), kExports.size() + 78);
+}
+
+namespace {
+
+std::atomic<bool> g_exiting{false};
+void Exiting() { g_exiting = true; }
+// The host's callback: any line after exit began is reported.
+void LateLine(uint32_t, uint32_t, const ZorvChar*, const ZorvChar*, const ZorvChar*, uint32_t) {
+    if (g_exiting) std::fputs("late log callback\n", stdout);
+}
+
+}  // namespace
+
+// The child half of the test below: start, leave a row buffered, and exit
+// without engine_stop.
+TEST(DynamicLoad, ExitChild) {
+    const char* dbFile = std::getenv("ZORV_EXIT_CHILD_DB");
+    if (dbFile == nullptr) GTEST_SKIP() << "run by ExitWithoutStopMakesNoCallback";
+    Library library;
+    ASSERT_NE(library.handle, nullptr) << "LoadLibraryW failed: " << GetLastError();
+    auto start =
+        reinterpret_cast<uint32_t (*)(const EngineStartParams*)>(GetProcAddress(library.handle, "engine_start"));
+    auto store = reinterpret_cast<uint32_t (*)(const InventoryItemRecord*, uint8_t)>(
+        GetProcAddress(library.handle, "store_item"));
+    ASSERT_TRUE(start && store);
+    const std::string file(dbFile);
+    const std::wstring dbPath(file.begin(), file.end());
+    EngineStartParams params{};
+    params.dbPath = dbPath.c_str();
+    params.logLevel = 0xF;
+    params.logCallback = LateLine;
+    ASSERT_EQ(start(&params), AC_OK);
+    const std::wstring name = L"a.exe", path = L"c:\\opt\\", full = L"c:\\opt\\a.exe", ruleset = L"";
+    InventoryItemRecord item{};
+    item.source = 3;
+    item.fileName = name.c_str();
+    item.path = path.c_str();
+    item.fullPath = full.c_str();
+    item.ruleset = ruleset.c_str();
+    ASSERT_EQ(store(&item, 1), AC_OK);
+    std::atexit(Exiting);
+    std::fflush(stdout);
+    // The library is still loaded: its teardown runs when the process detaches it.
+    library.handle = nullptr;
+    std::exit(0);
+}
+
+// A host that exits without stopping the engine hears nothing from it once
+// exit has begun: the library's exit-time teardown must not call the host.
+TEST(DynamicLoad, ExitWithoutStopMakesNoCallback) {
+    char temp[MAX_PATH] = {};
+    ASSERT_GT(GetTempPathA(MAX_PATH, temp), 0u);
+    const std::string folder = std::string(temp) + "zorv-exit-" + std::to_string(GetCurrentProcessId());
+    CreateDirectoryA(folder.c_str(), nullptr);
+    const std::string file = folder + "\\ac.db";
+    ASSERT_EQ(_putenv_s("ZORV_EXIT_CHILD_DB", file.c_str()), 0);
+    char self[MAX_PATH] = {};
+    ASSERT_GT(GetModuleFileNameA(nullptr, self, MAX_PATH), 0u);
+    const std::string run = "\"\"" + std::string(self) + "\" --gtest_filter=DynamicLoad.ExitChild 2>&1\"";
+    FILE* pipe = _popen(run.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string output;
+    char buffer[4096];
+    size_t n = 0;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+    const int status = _pclose(pipe);
+    _putenv_s("ZORV_EXIT_CHILD_DB", "");
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_EQ(output.find("late log callback"), std::string::npos) << output;
+    for (const char* suffix : {"", "-wal", "-shm"}) DeleteFileA((file + suffix).c_str());
+    RemoveDirectoryA(folder.c_str());
 }

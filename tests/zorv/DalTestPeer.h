@@ -1,5 +1,8 @@
-// Reaches the rule store's inner operations the way its own callers do.
+// Reaches into ZorvDAL where a test stands in for an operation: holding its
+// own references while it works, or tuning the open connection.
 #pragma once
+
+#include <sqlite3.h>
 
 #include <memory>
 #include <mutex>
@@ -9,10 +12,13 @@
 namespace zorv {
 
 struct ZorvDALTestPeer {
-    // Stands in for an operation that holds its own references while it works.
     static std::shared_ptr<sqlite3_stmt> GetAcStateStmt(ZorvDAL& dal) { return dal.m_pGetAcStateStmt; }
     static std::shared_ptr<sqlite3> Connection(ZorvDAL& dal) { return dal.m_DB; }
     static void Finalize(ZorvDAL& dal) { dal.Finalize(); }
+    static size_t PendingRows(ZorvDAL& dal) {
+        std::lock_guard<std::mutex> lock(dal.m_dbLock);
+        return dal.PendingRowsInternal();
+    }
 
     // The lookup statement and the in-memory rules, asked the same question.
     static bool FoundByStatement(ZorvDAL& dal, uint32_t trustType, EngineEvent& event) {
