@@ -3,7 +3,7 @@
 # Usage: scripts/deps.sh [extra packages...]
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcjson-dev libgtest-dev libbenchmark-dev "$@")
+packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcjson-dev libgtest-dev libbenchmark-dev libcli11-dev libssl-dev "$@")
 
 missing=()
 for package in "${packages[@]}"; do

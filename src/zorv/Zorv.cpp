@@ -229,11 +229,15 @@ uint32_t EngineStop() {
     // running finish first, so the hit counts below are complete too.
     const bool drained = g_calls.CloseAndDrain(kStopWaitLimit);
     g_engine.store(nullptr, std::memory_order_release);
+    // Open again however the stop ends (an exception included): with no
+    // engine set, calls answer AC_E_NOT_STARTED until the next start.
+    struct Reopen {
+        ~Reopen() { g_calls.Open(); }
+    } reopen;
     if (!drained) {
         ZORV_LOG(kLogError, u"engine_stop",
                  u"%llu calls still running after %d seconds; the engine and the rule store are left as they are",
                  g_calls.InFlight(), static_cast<int>(kStopWaitLimit.count()));
-        g_calls.Open();
         return AC_E_FAILED;
     }
     ZorvStats::Instance().WriteTrustRuleHitCounts();
@@ -241,7 +245,6 @@ uint32_t EngineStop() {
     delete engine;
     ZORV_LOG(kLogTrace, u"engine_stop", u"Shutting down DAL for AC Engine");
     ZorvDAL::Instance().Shutdown();
-    g_calls.Open();
     return AC_OK;
 }
 

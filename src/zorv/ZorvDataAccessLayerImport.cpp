@@ -568,6 +568,10 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     std::vector<int32_t> ids;
     GetTrustRuleIDs(ids);
     for (const int32_t id : ids) stats.SetTrustRuleHitCount(id, 0);
+    // Once more now that the flags and counts the lookups read match the new
+    // rules too: a decision that began between the commit and here may have
+    // read them as they were.
+    NoteRulesCommitted();
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer unlock");
     return true;
 }
@@ -921,7 +925,7 @@ bool ZorvDAL::GetItems(uint64_t afterItemId, uint64_t limit, uint32_t source, co
         if (payload.Error() != 0) result = false;
         payload.Close();
         uint32_t error = 0;
-        if (result && !platform::ReplaceFile(partialPath, payloadPath, error)) {
+        if (result && !platform::RenameOver(partialPath, payloadPath, error)) {
             ZORV_LOG(kLogError, kFn, u"Unable to move the page to payload %s, error %u", payloadPath, error);
             result = false;
         }

@@ -63,8 +63,8 @@ bool CannotDecide(EngineEvent& event, const char16_t* function) {
     if (event.storeFault != 0) Count(u"RunErrorStore");
     event.action = AC_DECISION_ERROR;
     event.dbVerdict = AC_DB_NOT_KNOWN;
-    ZORV_LOG(kLogTrace, function, u"No decision for %s: the rule store could not be read%s", event.name,
-             event.storeFault != 0 ? u"" : u" for this event");
+    ZORV_LOG(kLogTrace, function, u"No decision for %s: %s", event.name,
+             event.storeFault != 0 ? u"the rule store could not be read" : u"the event gives nothing to look up");
     return false;
 }
 

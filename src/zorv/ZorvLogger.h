@@ -1,6 +1,7 @@
 // ZorvLogger: the engine's diagnostic log, written either to "LogFile.log" or
 // to the host's callback, chosen once by InitLogger and kept for the life of
-// the library.
+// the library. Every message is one line: control characters in it (event
+// texts are anyone's) are written as escapes such as \n and \x1b.
 //
 // Thread-safe. Log() may be called from every thread at once: formatting is
 // per call, the file sink serialises its writes with its own mutex, and the
@@ -42,6 +43,9 @@ public:
     // Units of the message buffer, terminator included; longer messages are cut.
     static constexpr size_t kMessageUnits = 1024;
     static constexpr char16_t kLogFileName[] = u"LogFile.log";
+    // The file log is rotated before it passes this size; one previous file
+    // is kept as "LogFile.log.1".
+    static constexpr uint64_t kMaxLogFileBytes = uint64_t{64} << 20;
 
     // The process-wide logger, created on first use and destroyed at unload.
     static ZorvLogger& Instance();
@@ -52,8 +56,12 @@ public:
     ZorvLogger& operator=(const ZorvLogger&) = delete;
 
     // With a callback: callback mode at `level`. Without: file mode at mask 0xF
-    // (the level is ignored), appending to "LogFile.log" in the current directory.
-    // A second call changes nothing and says so at warning level. Always 0.
+    // (the level is ignored), appending to "LogFile.log" in the current
+    // directory; 1 when that file cannot be opened as a regular file of its
+    // own (a read-only folder, a directory or a link in its place), and the
+    // logger then stays uninitialised so that a later call tries again.
+    // Once initialised, a call changes nothing and says so at warning level.
+    // 0 on success.
     uint32_t InitLogger(ZorvLogCallback callback, uint32_t level);
 
     void SetLevel(uint32_t mask) { m_mask.store(mask, std::memory_order_relaxed); }

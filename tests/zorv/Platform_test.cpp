@@ -86,5 +86,55 @@ TEST(PlatformAttributes, PlainFilesFoldersAndMissingPathsAreNeitherLinksNorProte
     }
 }
 
+TEST(PlatformFiles, WriterCreatesOnlyNewFilesAndRenameOverReplacesTheOld) {
+    TempDir dir;
+    const std::u16string page = PathText(dir / "page.json");
+    const std::u16string partial = PathText(dir / "page.json.partial");
+    test::WriteFile(dir / "page.json", "old");
+    EXPECT_EQ(KindOfEntry(page), EntryKind::Regular);
+    EXPECT_EQ(KindOfEntry(partial), EntryKind::Missing);
+    EXPECT_EQ(KindOfEntry(PathText(dir.path())), EntryKind::Other);
+
+    FileWriter writer;
+    EXPECT_FALSE(writer.Open(page)) << "an existing name is never written into";
+    ASSERT_TRUE(writer.Open(partial));
+    EXPECT_EQ(writer.Write("new", 3), 3u);
+    writer.Close();
+    uint32_t error = 99;
+    ASSERT_TRUE(RenameOver(partial, page, error));
+    EXPECT_EQ(error, 0u);
+    EXPECT_EQ(test::ReadFile(dir / "page.json"), "new");
+    EXPECT_EQ(KindOfEntry(partial), EntryKind::Missing);
+    EXPECT_FALSE(RenameOver(partial, page, error));
+    EXPECT_EQ(error, kErrorFileNotFound);
+    EXPECT_TRUE(RemoveFile(page));
+    EXPECT_FALSE(RemoveFile(page));
+}
+
+TEST(PlatformFiles, AppendFileReportsItsSizeAndRefusesAFolder) {
+    TempDir dir;
+    test::WriteFile(dir / "LogFile.log", "12345");
+    AppendFile file;
+    ASSERT_TRUE(file.Open(PathText(dir / "LogFile.log")));
+    EXPECT_EQ(file.Size(), 5u);
+    EXPECT_TRUE(file.Write("678", 3));
+    file.Close();
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(test::ReadFile(dir / "LogFile.log"), "12345678");
+    EXPECT_FALSE(file.Open(PathText(dir.path())));
+}
+
+TEST(PlatformFileTimes, OnlyRegularFilesAnswer) {
+    TempDir dir;
+    FileTimes times;
+    uint32_t error = 0;
+    bool openFailed = false;
+    EXPECT_FALSE(GetFileTimes(PathText(dir.path()), times, error, openFailed));
+    EXPECT_EQ(error, kErrorAccessDenied);
+    EXPECT_TRUE(openFailed);
+    EXPECT_FALSE(GetFileTimes(PathText(dir / "absent.exe"), times, error, openFailed));
+    EXPECT_EQ(error, kErrorFileNotFound);
+}
+
 }  // namespace
 }  // namespace zorv::platform

@@ -171,6 +171,7 @@ TEST_F(ZorvConcurrency, NoAllowFromReplacedRulesSurvivesTheImport) {
         if (Ask(check).second == AC_DECISION_ALLOW) ++stale;
     }
     EXPECT_EQ(stale, 0) << "of " << kTries << " imports";
+    ZorvLogger::Instance().SetLevel(0xF);
 }
 
 }  // namespace

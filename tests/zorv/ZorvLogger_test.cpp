@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -23,6 +24,7 @@ public:
     InTempDir() : m_previous(std::filesystem::current_path()) { std::filesystem::current_path(m_dir.path()); }
     ~InTempDir() { std::filesystem::current_path(m_previous); }
     std::filesystem::path LogFile() const { return m_dir / "LogFile.log"; }
+    std::filesystem::path operator/(const char* name) const { return m_dir / name; }
 
 private:
     test::TempDir m_dir;
@@ -52,12 +54,51 @@ TEST(Logger, FileModeAppendsStampedUtf8LinesFilteredByTheMask) {
     EXPECT_TRUE(LogCapture::Instance().Lines().empty());
 }
 
-TEST(Logger, UnopenableFileSilencesLoggingWithoutFailing) {
+TEST(Logger, UnopenableFileIsReportedAndALaterCallTriesAgain) {
     InTempDir dir;
     std::filesystem::create_directory(dir.LogFile());  // a folder where the file should be
     ZorvLogger logger;
-    EXPECT_EQ(logger.InitLogger(nullptr, 0), 0u);
+    EXPECT_EQ(logger.InitLogger(nullptr, 0), 1u);
+    EXPECT_FALSE(logger.IsInitialized());
     logger.Log(kLogError, u"F", kLogSource, 1, u"goes nowhere");
+    std::filesystem::remove(dir.LogFile());
+    EXPECT_EQ(logger.InitLogger(nullptr, 0), 0u);
+    logger.Log(kLogError, u"F", kLogSource, 2, u"written");
+    EXPECT_NE(test::ReadFile(dir.LogFile()).find("written"), std::string::npos);
+}
+
+TEST(Logger, EventTextsCannotStartARecordOfTheirOwn) {
+    InTempDir dir;
+    {
+        ZorvLogger logger;
+        ASSERT_EQ(logger.InitLogger(nullptr, 0), 0u);
+        const std::u16string forged = u"a.exe'\n2026 01 01 00:00:00 INFO src/x F 1: forged\r\x1b[2J\t\x7f\x85\u2028";
+        logger.Log(kLogWarning, u"app_ctl", kLogSource, 9, u"Blocking event: '%s'", forged);
+    }
+    const std::string text = test::ReadFile(dir.LogFile());
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_NE(text.find(R"(Blocking event: 'a.exe'\n2026 01 01 00:00:00 INFO src/x F 1: forged\r\x1b[2J\t\x7f\x85\u2028')"),
+              std::string::npos)
+        << text;
+}
+
+TEST(Logger, FileIsCappedAndOnePreviousFileKept) {
+    InTempDir dir;
+    // A log one line short of the cap (sparse: nothing is really written).
+    test::WriteFile(dir.LogFile(), "first\n");
+    std::filesystem::resize_file(dir.LogFile(), ZorvLogger::kMaxLogFileBytes - 10);
+    test::WriteFile(dir / "LogFile.log.1", "older\n");
+    {
+        ZorvLogger logger;
+        ASSERT_EQ(logger.InitLogger(nullptr, 0), 0u);
+        logger.Log(kLogError, u"F", kLogSource, 1, u"after the cap");
+        logger.Log(kLogError, u"F", kLogSource, 2, u"and after that");
+    }
+    EXPECT_EQ(std::filesystem::file_size(dir / "LogFile.log.1"), ZorvLogger::kMaxLogFileBytes - 10);
+    const std::string text = test::ReadFile(dir.LogFile());
+    EXPECT_NE(text.find("after the cap"), std::string::npos);
+    EXPECT_NE(text.find("and after that"), std::string::npos);
+    EXPECT_LT(text.size(), 1000u);
 }
 
 TEST(Logger, CallbackModeDeliversFieldsAndCutsLongLines) {

@@ -64,7 +64,7 @@ private:
 // Writes a new file, shared so that other programs may read it meanwhile.
 // Open creates the file and fails when anything already has the name (a
 // file, a link, a FIFO): it never writes through a link or into an existing
-// file, which is what makes write-beside-then-ReplaceFile safe in a folder
+// file, which is what makes write-beside-then-RenameOver safe in a folder
 // others can write to.
 class FileWriter {
 public:
@@ -87,7 +87,9 @@ private:
 };
 
 // An unbuffered append-only file that other programs may open, read and write
-// at the same time (the log file). Each Write lands as one append.
+// at the same time (the log file). Each Write lands as one append. Open
+// creates the file when missing, and refuses a link (reparse point) in the
+// last component or anything but a regular file, without blocking on a FIFO.
 class AppendFile {
 public:
     AppendFile();
@@ -98,6 +100,9 @@ public:
     bool Open(std::u16string_view path);
     bool IsOpen() const;
     bool Write(const void* data, size_t count);
+    // The size when opened; 0 when not open.
+    uint64_t Size() const;
+    void Close();
 
 private:
     struct Native;
@@ -117,7 +122,7 @@ bool RemoveFile(std::u16string_view path);
 
 // Gives `from` the name `to` in one step, replacing what had it (a link is
 // replaced itself, never written through). `error` holds the Windows error.
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error);
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error);
 
 // Local calendar time of a moment given in seconds since 1970-01-01 UTC.
 bool LocalTime(int64_t secondsSince1970, std::tm& out);

@@ -229,18 +229,27 @@ void FileWriter::Close() { m_native.reset(); }
 
 struct AppendFile::Native {
     ScopedFd fd;
+    uint64_t size = 0;
 };
 
 AppendFile::AppendFile() = default;
 AppendFile::~AppendFile() = default;
 
 bool AppendFile::Open(std::u16string_view path) {
+    Close();
     auto native = std::make_unique<Native>();
-    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_APPEND, 0644));
+    native->fd.Reset(OpenRetrying(NativePath(path), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK, 0644));
     if (!native->fd.valid()) return false;
+    struct stat st {};
+    if (::fstat(native->fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    native->size = static_cast<uint64_t>(st.st_size);
     m_native = std::move(native);
     return true;
 }
+
+uint64_t AppendFile::Size() const { return m_native ? m_native->size : 0; }
+
+void AppendFile::Close() { m_native.reset(); }
 
 bool AppendFile::IsOpen() const { return m_native != nullptr && m_native->fd.valid(); }
 
@@ -325,7 +334,7 @@ EntryKind KindOfEntry(std::u16string_view path) {
 
 bool RemoveFile(std::u16string_view path) { return ::unlink(NativePath(path).c_str()) == 0; }
 
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error) {
     error = 0;
     if (::rename(NativePath(from).c_str(), NativePath(to).c_str()) == 0) return true;
     error = PosixError(errno);

@@ -264,23 +264,32 @@ void FileWriter::Close() { m_native.reset(); }
 
 struct AppendFile::Native {
     ScopedHandle file;
+    uint64_t size = 0;
 };
 
 AppendFile::AppendFile() = default;
 AppendFile::~AppendFile() = default;
 
 bool AppendFile::Open(std::u16string_view path) {
+    Close();
     auto native = std::make_unique<Native>();
     const std::wstring nativePath = NativePath(path);
     // FILE_APPEND_DATA alone makes every write land at the current end, even
-    // with the agent or a log viewer writing the same file.
-    native->file.Reset(::CreateFileW(nativePath.c_str(), FILE_APPEND_DATA,
+    // with the agent or a log viewer writing the same file. FILE_READ_ATTRIBUTES
+    // lets the handle be checked before anything is written through it.
+    native->file.Reset(::CreateFileW(nativePath.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
-                                     FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!native->file.valid()) return false;
+                                     FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!native->file.valid() || !IsRegularDiskFile(native->file.get())) return false;
+    LARGE_INTEGER size{};
+    if (::GetFileSizeEx(native->file.get(), &size)) native->size = static_cast<uint64_t>(size.QuadPart);
     m_native = std::move(native);
     return true;
 }
+
+uint64_t AppendFile::Size() const { return m_native ? m_native->size : 0; }
+
+void AppendFile::Close() { m_native.reset(); }
 
 bool AppendFile::IsOpen() const { return m_native != nullptr && m_native->file.valid(); }
 
@@ -365,7 +374,7 @@ EntryKind KindOfEntry(std::u16string_view path) {
 
 bool RemoveFile(std::u16string_view path) { return ::DeleteFileW(NativePath(path).c_str()) != FALSE; }
 
-bool ReplaceFile(std::u16string_view from, std::u16string_view to, uint32_t& error) {
+bool RenameOver(std::u16string_view from, std::u16string_view to, uint32_t& error) {
     error = 0;
     if (::MoveFileExW(NativePath(from).c_str(), NativePath(to).c_str(), MOVEFILE_REPLACE_EXISTING)) return true;
     error = WindowsError();

@@ -8,12 +8,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "EngineEvent.h"
 #include "../EngineTestFixture.h"
 #include "TestSupport.h"
+#include "ZorvLogger.h"
 #include "ZorvQuery.h"
 #include "platform/Platform.h"
 
@@ -121,6 +124,57 @@ TEST_F(HostileRuleset, OnlyARegularFileWithinTheSizeLimitIsImported) {
     EXPECT_EQ(ItemCount(), 0);
     EXPECT_EQ(import(folder.Path("rules.json")), AC_OK);
     EXPECT_EQ(ItemCount(), 1);
+}
+
+// File mode writes LogFile.log into the current directory.
+class InFolder {
+public:
+    explicit InFolder(const fs::path& folder) : m_previous(fs::current_path()) { fs::current_path(folder); }
+    ~InFolder() { fs::current_path(m_previous); }
+
+private:
+    fs::path m_previous;
+};
+
+TEST(HostileLogFile, ALinkOrFifoInItsPlaceIsNeverWrittenThrough) {
+    TempDir dir;
+    InFolder inside(dir.path());
+    test::WriteFile(dir / "target", "untouched\n");
+    test::WithinSeconds(10, "InitLogger", [&] {
+        for (const auto& plant : {std::function<void()>([&] { fs::create_symlink(dir / "target", "LogFile.log"); }),
+                                  std::function<void()>([&] { fs::create_symlink(dir / "absent", "LogFile.log"); }),
+                                  std::function<void()>([&] { ASSERT_EQ(::mkfifo("LogFile.log", 0600), 0); })}) {
+            plant();
+            ZorvLogger logger;
+            EXPECT_EQ(logger.InitLogger(nullptr, 0), 1u);
+            logger.Log(kLogError, u"F", u"src/x", 1, u"must not land anywhere");
+            fs::remove("LogFile.log");
+        }
+    });
+    EXPECT_EQ(test::ReadFile(dir / "target"), "untouched\n");
+    EXPECT_FALSE(fs::exists(dir / "absent"));
+}
+
+// The process-wide logger is set once per process: this runs in a child of
+// its own, where no earlier test has set it.
+TEST(HostileLogFile, EngineStartAnswersLoggerErrorUntilTheLogCanBeOpened) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            TempDir dir;
+            InFolder inside(dir.path());
+            fs::create_directory("LogFile.log");
+            const std::u16string dbPath = PathText(dir / "ac.db");
+            EngineStartParams params{};
+            params.dbPath = test::Host(dbPath);
+            int code = engine_start(&params) == AC_E_LOGGER ? 0 : 1;
+            fs::remove("LogFile.log");
+            code |= engine_start(&params) == AC_OK ? 0 : 2;
+            code |= engine_stop() == AC_OK ? 0 : 4;
+            code |= fs::is_regular_file("LogFile.log") ? 0 : 8;
+            std::exit(code);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The rule store on a disk that really fills: a small tmpfs mounted for the
 // test (as root only). A ruleset that cannot fit fails and leaves the old one
 // in force; buffered stores that fill the disk keep every acknowledged row
-// until space returns.
+// until space returns; a newer store on a read-only disk is refused, kept.
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -160,6 +160,33 @@ TEST_F(DiskFull, BufferedStoresThatFillTheDiskKeepEveryAcknowledgedRow) {
     const auto stored = probe.Lines("SELECT fileName FROM InventoryItems WHERE fileName LIKE 'row%'");
     EXPECT_EQ(stored.size(), acknowledged.size()) << "a row stored twice or lost";
     EXPECT_EQ(std::set<std::string>(stored.begin(), stored.end()), acknowledged);
+}
+
+// A newer engine's store that cannot be moved aside (its disk is read-only)
+// is refused at once and left as it is; the open does not retry itself.
+TEST(NewerStore, OnAReadOnlyDiskIsRefusedAtOnceAndKept) {
+    ZorvLogger::Instance().InitLogger(&test::LogCapture::Callback, 0);
+    SmallDisk disk(2);
+    if (!disk.Unavailable().empty()) GTEST_SKIP() << disk.Unavailable();
+    const auto file = disk.Path() / "ac.db";
+    {
+        ZorvDAL dal;
+        ASSERT_TRUE(dal.SetDBPath(test::PathText(file)));
+        ASSERT_TRUE(dal.InitDB());
+        ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 10), u"kept"));
+        dal.Shutdown();
+        SqliteProbe(file).Exec("PRAGMA user_version = 17");
+    }
+    ASSERT_EQ(mount("tmpfs", disk.Path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    ZorvDAL dal;
+    ASSERT_TRUE(dal.SetDBPath(test::PathText(file)));
+    EXPECT_FALSE(dal.InitDB());
+    EXPECT_FALSE(dal.IsOpen());
+    // Read back once the disk is writable again (a WAL file needs its index).
+    ASSERT_EQ(mount("tmpfs", disk.Path().c_str(), "tmpfs", MS_REMOUNT, nullptr), 0);
+    SqliteProbe probe(file);
+    EXPECT_EQ(probe.Scalar("PRAGMA user_version"), "17");
+    EXPECT_EQ(probe.Count("InventoryItems"), 10);
 }
 
 }  // namespace

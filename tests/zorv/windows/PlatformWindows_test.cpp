@@ -32,24 +32,37 @@ std::unique_ptr<void, HandleCloser> OpenElsewhere(const std::filesystem::path& p
     return std::unique_ptr<void, HandleCloser>(handle == INVALID_HANDLE_VALUE ? nullptr : handle);
 }
 
-// The times are read with sharing for reading only: a file another program is
-// writing is refused rather than measured mid-write, while readers are fine.
-TEST(PlatformFileTimes, AWriterElsewhereIsASharingViolationButAReaderIsNot) {
+// The times come from the directory entry, with no open that a named pipe
+// could hold up: a file held with no sharing at all still answers.
+TEST(PlatformFileTimes, AnsweredWithoutOpeningTheFile) {
     TempDir dir;
     const auto path = dir / "installer.exe";
     test::WriteFile(path, "MZ");
     FileTimes times;
     uint32_t error = 0;
     bool openFailed = false;
-    auto writer = OpenElsewhere(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
-    ASSERT_TRUE(writer);
-    EXPECT_FALSE(GetFileTimes(PathText(path), times, error, openFailed));
-    EXPECT_EQ(error, kErrorSharingViolation);
-    EXPECT_TRUE(openFailed);
-    writer.reset();
-    auto reader = OpenElsewhere(path, GENERIC_READ, FILE_SHARE_READ);
-    ASSERT_TRUE(reader);
+    auto holder = OpenElsewhere(path, GENERIC_READ | GENERIC_WRITE, 0);
+    ASSERT_TRUE(holder);
     EXPECT_TRUE(GetFileTimes(PathText(path), times, error, openFailed)) << error;
+    EXPECT_GT(times.lastWrite, 0u);
+}
+
+// A named pipe is not a file: nothing that reads or appends may open it, and
+// asking must not wait for the pipe's server.
+TEST(PlatformFiles, NamedPipesAreRefusedWithoutWaiting) {
+    const std::wstring name = L"\\\\.\\pipe\\zorv-test-" + std::to_wstring(::GetCurrentProcessId());
+    HANDLE pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE | PIPE_WAIT, 4, 4096, 4096, 0,
+                                     nullptr);
+    ASSERT_NE(pipe, INVALID_HANDLE_VALUE) << ::GetLastError();
+    const std::unique_ptr<void, HandleCloser> owner(pipe);
+    const std::u16string path(name.begin(), name.end());
+    test::WithinSeconds(20, "opening a named pipe", [&] {
+        OplockReader reader;
+        EXPECT_FALSE(reader.Open(path));
+        AppendFile append;
+        EXPECT_FALSE(append.Open(path));
+        EXPECT_NE(KindOfEntry(path), EntryKind::Regular);
+    });
 }
 
 TEST(PlatformAttributes, SystemLibraryIsProtected) {

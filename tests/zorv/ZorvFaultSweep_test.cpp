@@ -92,7 +92,7 @@ constexpr FaultKind kKinds[] = {
 
 size_t g_faultPoints = 0;
 
-class StoreFaults : public ::testing::Test {
+class FaultSweep : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { FaultVfs::Install(); }
     static void TearDownTestSuite() {
@@ -123,7 +123,7 @@ protected:
         EXPECT_TRUE(dal->InitDB());
         // Few pages, so that a few thousand rows spill the cache mid-transaction.
         if (smallCache) {
-            sqlite3_exec(ZorvDALTestPeer::Connection(*dal).get(), "PRAGMA cache_size = 16", nullptr, nullptr,
+            sqlite3_exec(ZorvDALTestPeer::Connection(*dal).get(), "PRAGMA cache_size = 8", nullptr, nullptr,
                          nullptr);
         }
         return dal;
@@ -237,31 +237,33 @@ protected:
         Sweep(smallCache, act, check);
     }
 
+    void SweepMigration(int from);
+
     test::TempDir m_dir;
     std::filesystem::path m_file = m_dir / "ac.db";
     std::filesystem::path m_template = m_dir / "template.db";
     uint32_t m_level = 0;
 };
 
-TEST_F(StoreFaults, ReplacingImportLargerThanThePageCacheIsWholeOrAbsent) {
-    BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 1000), u"old")); });
+TEST_F(FaultSweep, ReplacingImportLargerThanThePageCacheIsWholeOrAbsent) {
+    BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 400), u"old")); });
     // The old ruleset's first file is known before and unknown after.
-    SweepImport(0, ItemRules(100000, 2000), u"new", 1, true);
+    SweepImport(0, ItemRules(100000, 1000), u"new", 1, true);
 }
 
-TEST_F(StoreFaults, AppendingImportIsWholeOrAbsent) {
+TEST_F(FaultSweep, AppendingImportIsWholeOrAbsent) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 300), u"old")); });
     SweepImport(1, ItemRules(100000, 300), u"added", 100000, false);
 }
 
-TEST_F(StoreFaults, TrustAndUserListImportIsWholeOrAbsent) {
+TEST_F(FaultSweep, TrustAndUserListImportIsWholeOrAbsent) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 50), u"old")); });
     SweepImport(0, TrustRuleset(400), u"base_trustrules", 1, false);
 }
 
 // Every buffered row that was acknowledged is stored exactly once, by the
 // flush that failed or by the next one.
-TEST_F(StoreFaults, BufferedFlushKeepsEveryAcknowledgedRow) {
+TEST_F(FaultSweep, BufferedFlushKeepsEveryAcknowledgedRow) {
     BuildTemplate([](ZorvDAL& dal) { ASSERT_TRUE(dal.ImportRulesetBuffer(0, ItemRules(1, 50), u"old")); });
     std::set<std::string> acknowledged;
     const auto act = [&](ZorvDAL& dal) {
@@ -303,9 +305,9 @@ TEST_F(StoreFaults, BufferedFlushKeepsEveryAcknowledgedRow) {
     Sweep(false, act, check);
 }
 
-// Killed or failed at any point of a migration step, the file is one whole
-// version the scripts describe, and the next open finishes the job.
-TEST_F(StoreFaults, MigrationStepsAreWholeAtEveryFault) {
+// Killed or failed at any point of a migration step from `from`, the file is
+// one whole version the scripts describe, and the next open finishes the job.
+void FaultSweep::SweepMigration(int from) {
     const auto& scripts = ZorvDAL::SchemaScripts();
     // The schema each version has, built by the scripts themselves.
     std::vector<Lines> reference(17);
@@ -316,8 +318,7 @@ TEST_F(StoreFaults, MigrationStepsAreWholeAtEveryFault) {
         for (int v = 4; v <= version; ++v) ASSERT_TRUE(probe.Exec(scripts[static_cast<size_t>(v - 4)]));
         reference[static_cast<size_t>(version)] = probe.Lines(kSchema);
     }
-    for (const int from : {0, 4, 12}) {
-        SCOPED_TRACE("from version " + std::to_string(from));
+    {
         std::filesystem::remove(m_template);
         test::WriteFile(m_template, "");
         long long items = 0;
@@ -388,6 +389,10 @@ TEST_F(StoreFaults, MigrationStepsAreWholeAtEveryFault) {
         }
     }
 }
+
+TEST_F(FaultSweep, CreationStepsAreWholeAtEveryFault) { SweepMigration(0); }
+TEST_F(FaultSweep, MigrationFromVersion4IsWholeAtEveryFault) { SweepMigration(4); }
+TEST_F(FaultSweep, MigrationFromVersion12IsWholeAtEveryFault) { SweepMigration(12); }
 
 }  // namespace
 }  // namespace zorv

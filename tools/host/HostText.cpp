@@ -1,0 +1,139 @@
+#include "HostText.h"
+
+namespace zorv::host {
+
+std::optional<ZString> Utf8ToZ(std::string_view utf8) {
+    ZString out;
+    if (!Utf8ToZ(utf8, out)) return std::nullopt;
+    return out;
+}
+
+bool Utf8ToZ(std::string_view utf8, ZString& out) {
+    // Paths and names are mostly ASCII: copy that run in one pass.
+    size_t i = 0;
+    while (i < utf8.size() && static_cast<unsigned char>(utf8[i]) < 0x80) ++i;
+    out.resize(i);
+    for (size_t k = 0; k < i; ++k) out[k] = static_cast<ZorvChar>(utf8[k]);
+    if (i == utf8.size()) return true;
+    out.reserve(utf8.size());
+    while (i < utf8.size()) {
+        const auto lead = static_cast<unsigned char>(utf8[i]);
+        uint32_t code = 0;
+        size_t extra = 0;
+        uint32_t minimum = 0;
+        if (lead < 0x80) {
+            out.push_back(static_cast<ZorvChar>(lead));
+            ++i;
+            continue;
+        } else if ((lead & 0xE0) == 0xC0) {
+            code = lead & 0x1F, extra = 1, minimum = 0x80;
+        } else if ((lead & 0xF0) == 0xE0) {
+            code = lead & 0x0F, extra = 2, minimum = 0x800;
+        } else if ((lead & 0xF8) == 0xF0) {
+            code = lead & 0x07, extra = 3, minimum = 0x10000;
+        } else {
+            return false;
+        }
+        if (i + extra >= utf8.size()) return false;
+        for (size_t k = 1; k <= extra; ++k) {
+            const auto next = static_cast<unsigned char>(utf8[i + k]);
+            if ((next & 0xC0) != 0x80) return false;
+            code = (code << 6) | (next & 0x3F);
+        }
+        if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+        if (code >= 0x10000) {
+            code -= 0x10000;
+            out.push_back(static_cast<ZorvChar>(0xD800 + (code >> 10)));
+            out.push_back(static_cast<ZorvChar>(0xDC00 + (code & 0x3FF)));
+        } else {
+            out.push_back(static_cast<ZorvChar>(code));
+        }
+        i += extra + 1;
+    }
+    return true;
+}
+
+std::string ZToUtf8(const ZorvChar* text, size_t length) {
+    std::string out;
+    out.reserve(length);
+    for (size_t i = 0; i < length; ++i) {
+        uint32_t code = static_cast<uint16_t>(text[i]);
+        if (code >= 0xD800 && code <= 0xDBFF && i + 1 < length) {
+            const uint32_t low = static_cast<uint16_t>(text[i + 1]);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+                ++i;
+            }
+        }
+        if (code >= 0xD800 && code <= 0xDFFF) code = 0xFFFD;
+        if (code < 0x80) {
+            out.push_back(static_cast<char>(code));
+        } else if (code < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (code >> 6)));
+            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+        } else if (code < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (code >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (code >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+        }
+    }
+    return out;
+}
+
+std::string ZToUtf8(const ZorvChar* text) {
+    size_t length = 0;
+    while (text != nullptr && text[length] != 0) ++length;
+    return ZToUtf8(text, length);
+}
+
+std::optional<ZString> PathToZ(const std::filesystem::path& path) {
+    using Native = std::filesystem::path::value_type;
+    if constexpr (sizeof(Native) == sizeof(ZorvChar)) {
+        const auto& native = path.native();
+        return ZString(native.begin(), native.end());
+    } else {
+        return Utf8ToZ(path.string());
+    }
+}
+
+std::string PathToUtf8(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
+std::string ToHex(const uint8_t* bytes, size_t length) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out(length * 2, '0');
+    for (size_t i = 0; i < length; ++i) {
+        out[2 * i] = kDigits[bytes[i] >> 4];
+        out[2 * i + 1] = kDigits[bytes[i] & 0x0F];
+    }
+    return out;
+}
+
+namespace {
+int HexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+}  // namespace
+
+bool FromHex(std::string_view hex, uint8_t* bytes, size_t length) {
+    if (hex.size() != length * 2) return false;
+    for (size_t i = 0; i < length; ++i) {
+        const int high = HexValue(hex[2 * i]);
+        const int low = HexValue(hex[2 * i + 1]);
+        if (high < 0 || low < 0) return false;
+        bytes[i] = static_cast<uint8_t>(high << 4 | low);
+    }
+    return true;
+}
+
+}  // namespace zorv::host

@@ -1,0 +1,204 @@
+// zorv export [--source N|NAME] [--after ID] [--out FILE|-] [--format jsonl|csv]
+#include <cjson/cJSON.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "Commands.h"
+#include "EventLine.h"
+#include "HostText.h"
+
+namespace zorv::cli {
+
+namespace {
+
+constexpr uint64_t kPageItems = 10000;
+
+struct ExportOptions {
+    std::string source = "all";
+    uint64_t after = 0;
+    std::string out = "-";
+    std::string format = "jsonl";
+};
+
+const char* const kItemColumns[] = {"inventoryItemId", "fileName", "path",     "nativePath",  "md5",
+                                    "sha1",            "sha256",   "size",     "recordTime",  "isAuthorized",
+                                    "source",          "rulesetId"};
+const char* const kTrustColumns[] = {"trustRuleId", "paths",    "hitcount", "processName", "trustType",
+                                     "signername",  "productName", "companyName", "sha256",   "issuerCN",
+                                     "issuerC",     "issuerS",  "issuerL",  "issuerO",     "issuerOU",
+                                     "user",        "group",    "userList", "users"};
+
+std::string CsvField(const cJSON* item) {
+    std::string text;
+    if (cJSON_IsString(item)) {
+        text = item->valuestring;
+    } else if (cJSON_IsNumber(item)) {
+        char number[32];
+        std::snprintf(number, sizeof number, "%.0f", item->valuedouble);
+        text = number;
+    } else if (cJSON_IsArray(item)) {
+        for (const cJSON* entry = item->child; entry != nullptr; entry = entry->next)
+            if (cJSON_IsString(entry)) text += (text.empty() ? "" : ";") + std::string(entry->valuestring);
+    }
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+template <size_t N>
+void WriteCsvHeader(std::FILE* out, const char* const (&columns)[N]) {
+    for (size_t i = 0; i < N; ++i) std::fprintf(out, "%s%s", i ? "," : "", columns[i]);
+    std::fputc('\n', out);
+}
+
+template <size_t N>
+bool WriteCsvLine(std::FILE* out, const std::string& line, const char* const (&columns)[N]) {
+    cJSON* row = cJSON_ParseWithLength(line.data(), line.size());
+    if (row == nullptr) return false;
+    std::string text;
+    for (size_t i = 0; i < N; ++i) {
+        if (i) text += ',';
+        text += CsvField(cJSON_GetObjectItemCaseSensitive(row, columns[i]));
+    }
+    text += '\n';
+    cJSON_Delete(row);
+    return std::fwrite(text.data(), 1, text.size(), out) == text.size();
+}
+
+// The id that ends a payload line: the next page starts after it.
+bool LastId(const std::string& line, bool trust, uint64_t& id) {
+    cJSON* row = cJSON_ParseWithLength(line.data(), line.size());
+    const cJSON* value = cJSON_GetObjectItemCaseSensitive(row, trust ? "trustRuleId" : "inventoryItemId");
+    const bool ok = cJSON_IsNumber(value);
+    if (ok) id = static_cast<uint64_t>(value->valuedouble);
+    cJSON_Delete(row);
+    return ok;
+}
+
+// Copies one payload page as it is, CR LF line ends made LF, in large
+// blocks: the export should cost little more than get_inventory itself.
+bool CopyPage(const std::filesystem::path& payload, std::FILE* out, uint64_t& rows, std::string& last) {
+    std::ifstream page(payload, std::ios::binary);
+    std::string block(1 << 20, '\0'), carry;
+    for (;;) {
+        page.read(block.data(), static_cast<std::streamsize>(block.size()));
+        const size_t got = static_cast<size_t>(page.gcount());
+        if (got == 0) break;
+        std::string text = carry;
+        text.append(block.data(), got);
+        const size_t end = text.rfind('\n');
+        carry = end == std::string::npos ? text : text.substr(end + 1);
+        if (end == std::string::npos) continue;
+        size_t write = 0, lineStart = 0, lastStart = 0, lastLength = 0;
+        for (size_t read = 0; read <= end; ++read) {
+            if (text[read] == '\r' && read + 1 <= end && text[read + 1] == '\n') continue;
+            text[write++] = text[read];
+            if (text[read] == '\n') {
+                if (write - 1 > lineStart) {
+                    ++rows;
+                    lastStart = lineStart;
+                    lastLength = write - 1 - lineStart;
+                }
+                lineStart = write;
+            }
+        }
+        if (lastLength > 0) last.assign(text, lastStart, lastLength);
+        if (std::fwrite(text.data(), 1, write, out) != write) return false;
+    }
+    if (!carry.empty()) {
+        ++rows;
+        last = carry;
+        carry.push_back('\n');
+        return std::fwrite(carry.data(), 1, carry.size(), out) == carry.size();
+    }
+    return true;
+}
+
+struct FileCloser {
+    void operator()(std::FILE* file) const {
+        if (file != nullptr && file != stdout) std::fclose(file);
+    }
+};
+
+}  // namespace
+
+CommandRun DefineExport(CLI::App& command, const CommonOptions& common) {
+    auto options = std::make_shared<ExportOptions>();
+    command.add_option("--source", options->source,
+                       "all (default), agentRules, executionRules, scannedItems, approvedDrift, prelink, trust, or "
+                       "the source number");
+    command.add_option("--after", options->after, "Start after this item or trust-rule id");
+    command.add_option("--out", options->out, "Output file, - for standard output (default)");
+    command.add_option("--format", options->format, "jsonl (default) or csv")
+        ->check(CLI::IsMember({"jsonl", "csv"}));
+    return [options, &common]() {
+        const std::optional<uint32_t> source = host::ParseSource(options->source);
+        if (!source) {
+            PrintError("--source " + options->source, "not a known source");
+            return int(kExitUsage);
+        }
+        const bool trust = *source == AC_SOURCE_TRUST_RULE;
+        host::EngineSession engine;
+        if (!OpenEngine(common, engine)) return int(kExitError);
+        std::unique_ptr<std::FILE, FileCloser> out(options->out == "-" ? stdout
+                                                                       : std::fopen(options->out.c_str(), "wb"));
+        if (!out) {
+            PrintError(options->out, std::string("cannot write: ") + std::strerror(errno));
+            return int(kExitError);
+        }
+        const bool csv = options->format == "csv";
+        if (csv) trust ? WriteCsvHeader(out.get(), kTrustColumns) : WriteCsvHeader(out.get(), kItemColumns);
+
+        const std::filesystem::path payload = ScratchPath("export");
+        const std::optional<host::ZString> payloadText = host::PathToZ(payload);
+        const ZorvChar emptyScanId[] = {0};
+        uint64_t after = options->after;
+        uint64_t rows = 0;
+        std::string line;
+        for (;;) {
+            const uint32_t status = get_inventory(after, kPageItems, *source, payloadText->c_str(), emptyScanId);
+            if (status != AC_OK) {
+                PrintError("get_inventory", std::string(host::StatusName(status)) + " after id " +
+                                                std::to_string(after));
+                std::error_code ignored;
+                std::filesystem::remove(payload, ignored);
+                return int(kExitError);
+            }
+            uint64_t pageRows = 0;
+            std::string last;
+            if (csv) {
+                std::ifstream page(payload, std::ios::binary);
+                while (std::getline(page, line)) {
+                    if (!line.empty() && line.back() == '\r') line.pop_back();
+                    if (line.empty()) continue;
+                    ++pageRows;
+                    trust ? WriteCsvLine(out.get(), line, kTrustColumns) : WriteCsvLine(out.get(), line, kItemColumns);
+                    last.swap(line);
+                }
+            } else if (!CopyPage(payload, out.get(), pageRows, last)) {
+                PrintError(options->out, "write failed");
+                return int(kExitError);
+            }
+            rows += pageRows;
+            if (pageRows < kPageItems || !LastId(last, trust, after)) break;
+        }
+        std::error_code ignored;
+        std::filesystem::remove(payload, ignored);
+        if (std::fflush(out.get()) != 0 || std::ferror(out.get())) {
+            PrintError(options->out, "write failed");
+            return int(kExitError);
+        }
+        if (options->out != "-" && Speak(common) && !common.json)
+            std::fprintf(stderr, "Exported %llu %s to %s\n", static_cast<unsigned long long>(rows),
+                         trust ? "trust rules" : "items", options->out.c_str());
+        return int(kExitOk);
+    };
+}
+
+}  // namespace zorv::cli

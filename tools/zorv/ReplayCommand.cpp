@@ -1,0 +1,514 @@
+// zorv replay EVENTS.jsonl [--threads N] [--out DECISIONS.jsonl] [--lockdown]
+//             [--maintenance START,END] [--strict]
+//             [--candidate RULESET.json --name NAME [--append]]
+// Drives app_ctl from recorded event lines. The file is streamed: one
+// reader parses, and each event goes to the worker its pid hashes to, so the
+// events of one process keep their order.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <condition_variable>
+#include <deque>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "Commands.h"
+#include "EventLine.h"
+#include "EventRecord.h"
+#include "HostText.h"
+#include "MetricsRender.h"
+#include "StoreReader.h"
+
+namespace zorv::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct ReplayOptions {
+    std::string events;
+    unsigned threads = 0;
+    std::string out;
+    bool lockdown = false;
+    std::string maintenance;
+    bool strict = false;
+    std::string candidate;
+    std::string name;
+    bool append = false;
+    bool metrics = false;
+};
+
+struct Parsed {
+    uint64_t line = 0;
+    host::EventRecord record;
+};
+// Batches go back to the reader once decided and are filled again in place,
+// so the records' texts keep their storage from one use to the next.
+struct Batch {
+    std::vector<Parsed> items;
+    size_t used = 0;
+};
+
+// What candidate mode compares, per event line.
+struct Decision {
+    uint64_t line = 0;
+    uint64_t pid = 0;
+    uint32_t action = 0;
+    uint32_t reason = 0;
+    uint32_t source = 0;
+};
+
+class BatchQueue {
+public:
+    void Push(Batch batch) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_space.wait(lock, [&] { return m_batches.size() < 8; });
+        m_batches.push_back(std::move(batch));
+        m_ready.notify_one();
+    }
+    bool Pop(Batch& batch) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_ready.wait(lock, [&] { return !m_batches.empty() || m_closed; });
+        if (m_batches.empty()) return false;
+        batch = std::move(m_batches.front());
+        m_batches.pop_front();
+        m_space.notify_one();
+        return true;
+    }
+    void Close() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
+        m_ready.notify_all();
+    }
+    // Never waits: for handing spent batches back; false when none is there.
+    void Offer(Batch batch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_batches.push_back(std::move(batch));
+    }
+    bool TryPop(Batch& batch) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_batches.empty()) return false;
+        batch = std::move(m_batches.front());
+        m_batches.pop_front();
+        return true;
+    }
+
+private:
+    std::mutex m_mutex;  // guards m_batches and m_closed
+    std::condition_variable m_ready, m_space;
+    std::deque<Batch> m_batches;
+    bool m_closed = false;
+};
+
+struct WorkerResult {
+    std::vector<uint32_t> latencies;  // nanoseconds, saturated
+    std::map<std::pair<uint32_t, uint32_t>, uint64_t> byDecision;  // (action, reason)
+    std::vector<Decision> decisions;  // candidate mode only
+};
+
+struct RunResult {
+    uint64_t events = 0;
+    uint64_t badLines = 0;
+    bool stopped = false;  // --strict met a bad line, or the file failed
+    double seconds = 0;
+    WorkerResult merged;
+};
+
+class DecisionWriter {
+public:
+    explicit DecisionWriter(std::FILE* out) : m_out(out) {}
+    void Write(const std::string& text) {
+        if (m_out == nullptr || text.empty()) return;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::fwrite(text.data(), 1, text.size(), m_out);
+    }
+    bool Enabled() const { return m_out != nullptr; }
+
+private:
+    std::mutex m_mutex;  // keeps each worker's chunk of lines whole
+    std::FILE* m_out;
+};
+
+void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool keepDecisions,
+          WorkerResult& result) {
+    Batch batch;
+    std::string lines;
+    while (queue.Pop(batch)) {
+        for (size_t i = 0; i < batch.used; ++i) {
+            Parsed& parsed = batch.items[i];
+            const AppCtlEvent& event = parsed.record.Raw();
+            AppCtlResult answer{};
+            const auto start = std::chrono::steady_clock::now();
+            const uint32_t status = app_ctl(nullptr, &event, &answer);
+            const auto took = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now() - start)
+                                  .count();
+            result.latencies.push_back(static_cast<uint32_t>(std::min<int64_t>(took, UINT32_MAX)));
+            ++result.byDecision[{answer.action, answer.isAuthorized}];
+            if (keepDecisions)
+                result.decisions.push_back({parsed.line, event.pid, answer.action, answer.isAuthorized, answer.source});
+            if (writer.Enabled()) {
+                lines += host::FormatDecisionLine(parsed.line, event, status, answer, static_cast<uint64_t>(took));
+                lines += '\n';
+            }
+        }
+        if (lines.size() > (1 << 16)) {
+            writer.Write(lines);
+            lines.clear();
+        }
+        batch.used = 0;
+        spent.Offer(std::move(batch));
+    }
+    writer.Write(lines);
+}
+
+RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads, bool strict,
+                    DecisionWriter& writer, bool keepDecisions) {
+    RunResult run;
+    std::vector<BatchQueue> queues(threads);
+    BatchQueue spent;
+    std::vector<WorkerResult> results(threads);
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < threads; ++i)
+        workers.emplace_back([&, i] { Work(queues[i], spent, writer, keepDecisions, results[i]); });
+    constexpr size_t kBatch = 512;
+    std::vector<Batch> pending(threads);
+    auto fresh = [&spent](Batch& batch) {
+        if (!spent.TryPop(batch)) batch = Batch();
+        batch.used = 0;
+    };
+    const auto started = std::chrono::steady_clock::now();
+    std::string line, error;
+    uint64_t number = 0;
+    Parsed scratch;
+    while (std::getline(in, line)) {
+        ++number;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.find_first_not_of(" \t") == std::string::npos) continue;
+        scratch.line = number;
+        if (!host::ParseEventLine(line, scratch.record, error)) {
+            ++run.badLines;
+            PrintError(shown + ":" + std::to_string(number), error);
+            if (strict) {
+                run.stopped = true;
+                break;
+            }
+            continue;
+        }
+        ++run.events;
+        Batch& batch = pending[static_cast<unsigned>(scratch.record.Pid() % threads)];
+        if (batch.used == batch.items.size()) batch.items.emplace_back();
+        // A swap hands the parsed record over and takes the slot's storage
+        // back for the next line.
+        std::swap(batch.items[batch.used++], scratch);
+        if (batch.used >= kBatch) {
+            const unsigned worker = static_cast<unsigned>(&batch - pending.data());
+            queues[worker].Push(std::move(batch));
+            fresh(batch);
+        }
+    }
+    if (in.bad()) {
+        PrintError(shown, "read failed");
+        run.stopped = true;
+    }
+    for (unsigned i = 0; i < threads; ++i) {
+        if (pending[i].used > 0) queues[i].Push(std::move(pending[i]));
+        queues[i].Close();
+    }
+    for (std::thread& worker : workers) worker.join();
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    for (WorkerResult& result : results) {
+        auto& merged = run.merged;
+        merged.latencies.insert(merged.latencies.end(), result.latencies.begin(), result.latencies.end());
+        for (const auto& [key, count] : result.byDecision) merged.byDecision[key] += count;
+        merged.decisions.insert(merged.decisions.end(), result.decisions.begin(), result.decisions.end());
+        result = WorkerResult();
+    }
+    return run;
+}
+
+// Reads --lockdown and --maintenance into set_config's arguments; false
+// (reported) for a window that does not parse.
+bool ParsePolicy(const ReplayOptions& options, uint32_t& flags, uint64_t& start, uint64_t& end) {
+    flags = options.lockdown ? AC_CONFIG_LOCKDOWN : 0;
+    start = ~0ull, end = ~0ull;
+    if (!options.maintenance.empty()) {
+        const size_t comma = options.maintenance.find(',');
+        try {
+            if (comma == std::string::npos) throw std::invalid_argument("no comma");
+            size_t used = 0;
+            start = std::stoull(options.maintenance.substr(0, comma), &used);
+            if (used != comma) throw std::invalid_argument("start");
+            const std::string tail = options.maintenance.substr(comma + 1);
+            end = std::stoull(tail, &used);
+            if (used != tail.size()) throw std::invalid_argument("end");
+        } catch (const std::exception&) {
+            PrintError("--maintenance " + options.maintenance,
+                       "expected START,END in milliseconds since 1970-01-01 UTC");
+            return false;
+        }
+        flags |= AC_CONFIG_AUTO_AUTHORIZE;
+    }
+    return true;
+}
+
+bool ApplyPolicy(const ReplayOptions& options) {
+    uint32_t flags = 0;
+    uint64_t start = 0, end = 0;
+    if (!ParsePolicy(options, flags, start, end)) return false;
+    set_config(flags, start, end);
+    return true;
+}
+
+double Percentile(const std::vector<uint32_t>& sorted, double fraction) {
+    if (sorted.empty()) return 0;
+    const size_t index = std::min(sorted.size() - 1, static_cast<size_t>(fraction * (sorted.size() - 1) + 0.5));
+    return sorted[index];
+}
+
+void PrintSummary(const CommonOptions& common, RunResult& run, unsigned threads) {
+    std::vector<uint32_t>& latencies = run.merged.latencies;
+    std::sort(latencies.begin(), latencies.end());
+    const double rate = run.events / std::max(run.seconds, 1e-9);
+    const double p50 = Percentile(latencies, 0.5), p90 = Percentile(latencies, 0.9),
+                 p99 = Percentile(latencies, 0.99), p999 = Percentile(latencies, 0.999),
+                 max = latencies.empty() ? 0 : latencies.back();
+    if (common.json) {
+        std::string out = "{\"events\":" + std::to_string(run.events) +
+                          ",\"badLines\":" + std::to_string(run.badLines) + ",\"byDecision\":{";
+        std::map<std::string, uint64_t> byName;
+        for (const auto& [key, count] : run.merged.byDecision)
+            byName[std::string(host::DecisionName(key.first)) + "/" + host::ReasonName(key.second)] += count;
+        bool first = true;
+        for (const auto& [name, count] : byName) {
+            if (!first) out += ",";
+            host::AppendJsonString(out, name);
+            out += ":" + std::to_string(count);
+            first = false;
+        }
+        char tail[256];
+        std::snprintf(tail, sizeof tail,
+                      "},\"seconds\":%.3f,\"eventsPerSecond\":%.0f,\"latencyNs\":{\"p50\":%.0f,\"p90\":%.0f,"
+                      "\"p99\":%.0f,\"p99.9\":%.0f,\"max\":%.0f}}",
+                      run.seconds, rate, p50, p90, p99, p999, max);
+        std::cout << out << tail << "\n";
+        return;
+    }
+    if (!Speak(common)) return;
+    std::printf("Replayed %llu events in %.2f s on %u thread%s: %.0f events/s",
+                static_cast<unsigned long long>(run.events), run.seconds, threads, threads == 1 ? "" : "s", rate);
+    if (run.badLines) std::printf(" (%llu bad lines skipped)", static_cast<unsigned long long>(run.badLines));
+    std::printf("\n\nDecision  Reason        Events\n");
+    for (const auto& [key, count] : run.merged.byDecision)
+        std::printf("  %-8s %-12s %8llu\n", host::DecisionName(key.first), host::ReasonName(key.second),
+                    static_cast<unsigned long long>(count));
+    std::printf("\nLatency of app_ctl: p50 %.1f us, p90 %.1f us, p99 %.1f us, p99.9 %.1f us, max %.1f us\n",
+                p50 / 1000, p90 / 1000, p99 / 1000, p999 / 1000, max / 1000);
+    // Buckets double from 1 us; bars scale to the fullest bucket.
+    std::vector<uint64_t> buckets(1);
+    for (const uint32_t ns : latencies) {
+        size_t bucket = 0;
+        for (uint64_t edge = 1000; ns >= edge && bucket < 24; edge *= 2) ++bucket;
+        if (bucket >= buckets.size()) buckets.resize(bucket + 1);
+        ++buckets[bucket];
+    }
+    const uint64_t fullest = latencies.empty() ? 1 : *std::max_element(buckets.begin(), buckets.end());
+    for (size_t i = 0; i < buckets.size(); ++i) {
+        char label[32];
+        if (i == 0)
+            std::snprintf(label, sizeof label, "< 1 us");
+        else
+            std::snprintf(label, sizeof label, "< %llu us", 1ull << i);
+        std::printf("  %10s %9llu %s\n", label, static_cast<unsigned long long>(buckets[i]),
+                    std::string(static_cast<size_t>(40.0 * buckets[i] / std::max<uint64_t>(fullest, 1)), '#').c_str());
+    }
+}
+
+// Candidate mode: the stream against a copy of the store, then against
+// another copy with the candidate imported; the store itself is untouched.
+int RunCandidate(const ReplayOptions& options, const CommonOptions& common, unsigned threads,
+                 DecisionWriter& writer) {
+    const std::optional<host::ZString> name = host::Utf8ToZ(options.name);
+    const std::optional<host::ZString> candidate = host::PathToZ(fs::absolute(PathFromUtf8(options.candidate)));
+    if (!name || !candidate) {
+        PrintError("--candidate", "names must be valid UTF-8");
+        return kExitUsage;
+    }
+    std::error_code status;
+    if (!fs::is_regular_file(PathFromUtf8(options.candidate), status)) {
+        PrintError(options.candidate, "no such ruleset file");
+        return kExitError;
+    }
+    const fs::path current = ScratchPath("replay-current.db");
+    const fs::path proposed = ScratchPath("replay-candidate.db");
+    auto cleanup = [&] {
+        std::error_code ignored;
+        for (const fs::path& base : {current, proposed})
+            for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(base.string() + suffix, ignored);
+    };
+    std::string error;
+    if (!host::StoreReader::Copy(common.db, host::PathToUtf8(current), error) ||
+        !host::StoreReader::Copy(common.db, host::PathToUtf8(proposed), error)) {
+        PrintError(common.db, "cannot copy the store: " + error);
+        cleanup();
+        return kExitError;
+    }
+    std::vector<Decision> before, after;
+    RunResult last;
+    for (int pass = 0; pass < 2; ++pass) {
+        CommonOptions scratch = common;
+        scratch.db = host::PathToUtf8(pass == 0 ? current : proposed);
+        host::EngineSession engine;
+        if (!OpenEngine(scratch, engine)) {
+            cleanup();
+            return kExitError;
+        }
+        if (pass == 1) {
+            const uint32_t imported = set_ruleset(options.append ? 1 : 0, candidate->c_str(), name->c_str());
+            if (imported != AC_OK) {
+                PrintError(options.candidate, std::string("the candidate did not import (") +
+                                                  host::StatusName(imported) + "); see --log for the reason");
+                engine.Stop();
+                cleanup();
+                return kExitError;
+            }
+        }
+        if (!ApplyPolicy(options)) {
+            engine.Stop();
+            cleanup();
+            return kExitUsage;
+        }
+        std::ifstream in(PathFromUtf8(options.events), std::ios::binary);
+        DecisionWriter none(nullptr);
+        last = RunStream(in, options.events, threads, options.strict, pass == 1 ? writer : none, true);
+        engine.Stop();
+        if (last.stopped) {
+            cleanup();
+            return kExitError;
+        }
+        auto& decisions = pass == 0 ? before : after;
+        decisions = std::move(last.merged.decisions);
+        std::sort(decisions.begin(), decisions.end(),
+                  [](const Decision& a, const Decision& b) { return a.line < b.line; });
+    }
+    cleanup();
+
+    uint64_t newlyBlocked = 0, newlyAllowed = 0, otherChanges = 0;
+    for (size_t i = 0; i < before.size() && i < after.size(); ++i) {
+        const Decision& was = before[i];
+        const Decision& will = after[i];
+        if (was.action == will.action && was.reason == will.reason) continue;
+        if (will.action == AC_DECISION_BLOCK && was.action != AC_DECISION_BLOCK)
+            ++newlyBlocked;
+        else if (will.action == AC_DECISION_ALLOW && was.action != AC_DECISION_ALLOW)
+            ++newlyAllowed;
+        else
+            ++otherChanges;
+        if (common.json) {
+            std::printf("{\"line\":%llu,\"pid\":%llu,\"current\":{\"decision\":\"%s\",\"reason\":\"%s\",\"source\":%u},"
+                        "\"candidate\":{\"decision\":\"%s\",\"reason\":\"%s\",\"source\":%u}}\n",
+                        static_cast<unsigned long long>(was.line), static_cast<unsigned long long>(was.pid),
+                        host::DecisionName(was.action), host::ReasonName(was.reason), was.source,
+                        host::DecisionName(will.action), host::ReasonName(will.reason), will.source);
+        } else if (Speak(common)) {
+            std::printf("line %llu (pid %llu): %s/%s -> %s/%s\n", static_cast<unsigned long long>(was.line),
+                        static_cast<unsigned long long>(was.pid), host::DecisionName(was.action),
+                        host::ReasonName(was.reason), host::DecisionName(will.action), host::ReasonName(will.reason));
+        }
+    }
+    if (common.json) {
+        std::printf("{\"events\":%zu,\"newlyBlocked\":%llu,\"newlyAllowed\":%llu,\"otherChanges\":%llu}\n",
+                    after.size(), static_cast<unsigned long long>(newlyBlocked),
+                    static_cast<unsigned long long>(newlyAllowed), static_cast<unsigned long long>(otherChanges));
+    } else if (Speak(common)) {
+        std::printf("%zu events: %llu newly blocked, %llu newly allowed, %llu other changes under \"%s\"\n",
+                    after.size(), static_cast<unsigned long long>(newlyBlocked),
+                    static_cast<unsigned long long>(newlyAllowed), static_cast<unsigned long long>(otherChanges),
+                    options.name.c_str());
+    }
+    return last.badLines ? kExitError : kExitOk;
+}
+
+struct FileCloser {
+    void operator()(std::FILE* file) const {
+        if (file != nullptr && file != stdout) std::fclose(file);
+    }
+};
+
+}  // namespace
+
+CommandRun DefineReplay(CLI::App& command, const CommonOptions& common) {
+    auto options = std::make_shared<ReplayOptions>();
+    command.add_option("events", options->events, "Event lines (JSON), or - for standard input")->required();
+    command.add_option("-t,--threads", options->threads, "Worker threads (default: the machine's cores)");
+    command.add_option("--out", options->out, "Write each decision as a JSON line to FILE (- for standard output)");
+    command.add_flag("--lockdown", options->lockdown, "Decide under lockdown");
+    command.add_option("--maintenance", options->maintenance,
+                       "START,END: decide in a maintenance window (ms since 1970-01-01 UTC)");
+    command.add_flag("--strict", options->strict, "Stop at the first bad line");
+    CLI::Option* candidate = command.add_option(
+        "--candidate", options->candidate,
+        "Also decide against a scratch copy with this ruleset imported; print what changes");
+    command.add_option("--name", options->name, "The candidate ruleset's name (decides its kind)")->needs(candidate);
+    command.add_flag("--append", options->append, "Append the candidate instead of replacing")->needs(candidate);
+    candidate->needs("--name");
+    command.add_flag("--metrics", options->metrics,
+                     "Then print the metrics table: the counters of this run, which a later zorv metrics (a new "
+                     "process) no longer holds");
+    return [options, &common]() {
+        const unsigned threads =
+            options->threads ? options->threads : std::max(1u, std::thread::hardware_concurrency());
+        std::unique_ptr<std::FILE, FileCloser> out;
+        if (!options->out.empty()) {
+            out.reset(options->out == "-" ? stdout : std::fopen(options->out.c_str(), "wb"));
+            if (!out) {
+                PrintError(options->out, std::string("cannot write: ") + std::strerror(errno));
+                return int(kExitError);
+            }
+        }
+        uint32_t flags = 0;
+        uint64_t start = 0, end = 0;
+        if (!ParsePolicy(*options, flags, start, end)) return int(kExitUsage);
+        DecisionWriter writer(out.get());
+        std::ifstream file;
+        if (options->events != "-") {
+            std::error_code status;
+            const fs::path path = PathFromUtf8(options->events);
+            if (fs::is_directory(path, status)) {
+                PrintError(options->events, "is a folder, not an event file");
+                return int(kExitError);
+            }
+            file.open(path, std::ios::binary);
+            if (!file) {
+                PrintError(options->events, fs::exists(path, status) ? "cannot be read" : "no such file");
+                return int(kExitError);
+            }
+        }
+        if (!options->candidate.empty()) {
+            if (options->events == "-") {
+                PrintError("--candidate", "needs an event file: the stream is read twice");
+                return int(kExitUsage);
+            }
+            return RunCandidate(*options, common, threads, writer);
+        }
+        host::EngineSession engine;
+        if (!OpenEngine(common, engine)) return int(kExitError);
+        if (!ApplyPolicy(*options)) return int(kExitUsage);
+        std::istream& in = options->events == "-" ? std::cin : file;
+        RunResult run = RunStream(in, options->events, threads, options->strict, writer, false);
+        if (out) std::fflush(out.get());
+        PrintSummary(common, run, threads);
+        if (options->metrics) {
+            std::string json, text, error;
+            if (host::FetchMetrics(json) == AC_OK && host::RenderMetricsTables(json, text, error))
+                std::cout << "\n" << text;
+        }
+        return int(run.stopped || run.badLines ? kExitError : kExitOk);
+    };
+}
+
+}  // namespace zorv::cli
