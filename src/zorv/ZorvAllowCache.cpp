@@ -18,46 +18,7 @@ void RaiseTo(std::atomic<uint64_t>& counter, uint64_t value) {
     if (counter.load(kRelaxed) < value) counter.store(value, kRelaxed);
 }
 
-// Hands each thread the next slot in turn, once: its lock slot and its set of
-// lookup counters in every cache. Threads beyond the slot count share, which
-// costs speed, never correctness.
-std::atomic<size_t> g_nextThreadSlot{0};
-
-size_t ThreadSlot() {
-    thread_local const size_t slot = g_nextThreadSlot.fetch_add(1, kRelaxed);
-    return slot;
-}
-
 }  // namespace
-
-void AllowCache::SlottedSharedMutex::lock_shared() {
-    Slot& slot = m_slots[ThreadSlot() % kSlots];
-    for (;;) {
-        // Mark, then look. Both sides are sequentially consistent, so a writer
-        // either sees this mark or this reader sees the writer's flag.
-        slot.readers.fetch_add(1, std::memory_order_seq_cst);
-        if (!m_writing.load(std::memory_order_seq_cst)) return;
-        slot.readers.fetch_sub(1, std::memory_order_release);
-        while (m_writing.load(std::memory_order_acquire)) std::this_thread::yield();
-    }
-}
-
-void AllowCache::SlottedSharedMutex::unlock_shared() {
-    m_slots[ThreadSlot() % kSlots].readers.fetch_sub(1, std::memory_order_release);
-}
-
-void AllowCache::SlottedSharedMutex::lock() {
-    m_writers.lock();
-    m_writing.store(true, std::memory_order_seq_cst);
-    for (Slot& slot : m_slots) {
-        while (slot.readers.load(std::memory_order_seq_cst) != 0) std::this_thread::yield();
-    }
-}
-
-void AllowCache::SlottedSharedMutex::unlock() {
-    m_writing.store(false, std::memory_order_release);
-    m_writers.unlock();
-}
 
 AllowCache::LookupCounters& AllowCache::ThisThreadsLookupCounters() {
     return m_lookups[ThreadSlot() % kLookupCounterSets];

@@ -21,6 +21,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "ZorvSlottedSharedMutex.h"
+
 struct cJSON;
 
 namespace zorv {
@@ -80,32 +82,6 @@ public:
     Counters GetCounters() const;
 
 private:
-    // A reader-writer lock whose readers do not share a cache line: each marks
-    // its own slot, chosen once per thread, so cache checks on several threads
-    // run side by side instead of passing one lock word's line back and forth
-    // (that traffic alone cost more than the three lookups). A writer raises
-    // its flag, then waits until every slot is empty; a reader that sees the
-    // flag steps back and waits for it to drop. Writers are rare here (a new
-    // target, a removal, a clear) and hold it briefly, so both sides wait by
-    // yielding. Meets the SharedMutex requirements, for std::shared_lock and
-    // std::lock_guard.
-    class SlottedSharedMutex {
-    public:
-        static constexpr size_t kSlots = 16;
-        void lock();
-        void unlock();
-        void lock_shared();
-        void unlock_shared();
-
-    private:
-        struct alignas(64) Slot {
-            std::atomic<uint32_t> readers{0};
-        };
-        Slot m_slots[kSlots];
-        alignas(64) std::atomic<bool> m_writing{false};
-        std::mutex m_writers;  // one writer at a time
-    };
-
     using Users = std::unordered_set<std::u16string>;
     using Processes = std::unordered_map<std::u16string, Users>;
     using Targets = std::unordered_map<std::u16string, Processes>;

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
 
@@ -112,18 +113,6 @@ constexpr char kInsertUserListSql[] = "INSERT INTO UserList( id, user ) VALUES( 
 constexpr char kUpdatePrelinkItemSql[] =
     "UPDATE InventoryItems SET sha256 = :hash, size = :size, recordTime = :recordTime WHERE source = 5 and sha256 "
     "= :oldhash and path = :path and fileName = :fileName ;";
-constexpr char kLookupItemAuthSql[] =
-    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) ORDER BY inventoryItemId "
-    "DESC LIMIT 1;";
-constexpr char kLookupItemAuthRulesetSql[] =
-    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) AND (source = 2 OR source = "
-    "1) ORDER BY inventoryItemId DESC LIMIT 1;";
-constexpr char kLookupItemAlternateSHA1HashSql[] =
-    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND(sha1 = :sha1)) ORDER BY inventoryItemId DESC "
-    "LIMIT 1;";
-constexpr char kLookupItemAlternateMD5HashSql[] =
-    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND (md5 = :md5 )) ORDER BY inventoryItemId DESC "
-    "LIMIT 1;";
 constexpr char kLookupTrustRuleSql[] =
     "SELECT trustRuleId, paths, hitcount, processName, ruleset, procGroup FROM TrustRules LEFT JOIN UserList ON "
     "TrustRules.userList = UserList.id WHERE (processName is NULL or processName = :processName or "
@@ -231,6 +220,11 @@ bool ZorvDAL::InitDB() {
     m_trustRulesEnabled = TrustRulesCount() > 0;
     m_md5RuleCount = MD5RulesCount(true);
     m_sha1RuleCount = SHA1RulesCount(true);
+    {
+        std::lock_guard<std::mutex> dbLock(m_dbLock);
+        ReloadTrustRulesInternal();
+    }
+    if (result) m_writeBehind.Start();
     m_shutDown = false;
     return result;
 }
@@ -415,10 +409,10 @@ bool ZorvDAL::PrepareStatements() {
         {&m_pInsertTrustRuleStmt, kInsertTrustRuleSql},
         {&m_pInsertUserListStmt, kInsertUserListSql},
         {&m_pUpdatePrelinkItemStmt, kUpdatePrelinkItemSql},
-        {&m_pLookupItemAuthStmt, kLookupItemAuthSql},
-        {&m_pLookupItemAuthRulesetStmt, kLookupItemAuthRulesetSql},
-        {&m_pLookupItemAlternateSHA1HashStmt, kLookupItemAlternateSHA1HashSql},
-        {&m_pLookupItemAlternateMD5HashStmt, kLookupItemAlternateMD5HashSql},
+        {&m_pLookupItemAuthStmt, dal::kLookupItemAuthSql},
+        {&m_pLookupItemAuthRulesetStmt, dal::kLookupItemAuthRulesetSql},
+        {&m_pLookupItemAlternateSHA1HashStmt, dal::kLookupItemAlternateSHA1HashSql},
+        {&m_pLookupItemAlternateMD5HashStmt, dal::kLookupItemAlternateMD5HashSql},
         {&m_pLookupTrustRuleStmt, kLookupTrustRuleSql},
         {&m_pLookupUserListStmt, kLookupUserListSql},
         {&m_pUpdateTrustRuleHitcountStmt, kUpdateTrustRuleHitcountSql},
@@ -445,10 +439,23 @@ bool ZorvDAL::PrepareStatements() {
             return false;
         }
     }
+    m_readers.Open(m_dbPath);
     return true;
 }
 
+void ZorvDAL::ReloadTrustRulesInternal() {
+    if (m_DB) {
+        m_trustRuleSet.Load(m_DB.get());
+    } else {
+        m_trustRuleSet.Clear();
+    }
+}
+
 void ZorvDAL::Finalize() {
+    // The readers and the rules go with the connection: answers after this
+    // must come from a store that is open again.
+    m_readers.Close();
+    m_trustRuleSet.Clear();
     if (m_DB) {
         const int rc = sqlite3_wal_checkpoint_v2(m_DB.get(), nullptr, SQLITE_CHECKPOINT_FULL, nullptr, nullptr);
         if (rc != SQLITE_OK && rc != SQLITE_BUSY) {
@@ -507,6 +514,8 @@ void ZorvDAL::Finalize() {
 
 void ZorvDAL::Shutdown() {
     m_shutDown = true;
+    // Decisions' writes first: the buffers below may hold what they add.
+    m_writeBehind.Stop();
     if (m_DB) {
         // Each buffer is flushed under its own hold of the lock, so a caller
         // waiting on the lock gets in between the three transactions.
@@ -593,6 +602,7 @@ bool ZorvDAL::PurgeDB(uint32_t kind) {
         const bool vacuumed = sqlite3_exec(m_DB.get(), "VACUUM;", nullptr, nullptr, nullptr) == SQLITE_OK;
         result = result && executed && vacuumed;
     }
+    if (kind == 6 || kind == 0) ReloadTrustRulesInternal();
     ZORV_LOG(kLogTrace, u"ZorvDAL::PurgeDB", u"Returning from PurgeDB with retval %d unlock", result ? 1 : 0);
     return result;
 }

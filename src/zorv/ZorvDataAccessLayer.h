@@ -12,6 +12,7 @@
 // The members are spread over several files by subject:
 //   ZorvDataAccessLayer.cpp         open, migrate, prepare, finalize, delete, purge
 //   ZorvDataAccessLayerLookup.cpp   inventory lookup and trust-rule matching
+//                                   (the rules themselves: ZorvTrustRuleSet)
 //   ZorvDataAccessLayerStore.cpp    item, trust-rule and user-list storage, state
 //   ZorvDataAccessLayerMetrics.cpp  counts behind the metrics document
 //   ZorvDataAccessLayerImport.cpp   ruleset import and inventory export
@@ -31,6 +32,9 @@
 #include <vector>
 
 #include "EngineEvent.h"
+#include "ZorvReadConnections.h"
+#include "ZorvTrustRuleSet.h"
+#include "ZorvWriteBehind.h"
 #include "ZorvUtilWindows.h"
 #include "zorv/zorv.h"
 
@@ -119,6 +123,9 @@ public:
     uint64_t StoreItemBuffer(EngineEvent& event);
     uint64_t StoreItemBuffer(const InventoryItemRecord& item);
     uint64_t StoreItemFlush();
+    // Returns once every write a decision asked for so far is in the store
+    // (or in the item buffer, for scanned items, as a direct store would be).
+    void DrainDecisionWrites() { m_writeBehind.Drain(); }
     uint64_t StoreTrustRule(const TrustRuleRecord& rule);
     uint64_t StoreTrustRuleBuffer(const TrustRuleRecord& rule);
     uint64_t StoreTrustRuleFlush();
@@ -211,12 +218,19 @@ private:
     bool ExecSchema(sqlite3* db, size_t index);
 
     // ZorvDataAccessLayerLookup.cpp
+    // Through the writer's statements (the database lock held) or a reader's.
     bool IsAllowedInDBInternal(EngineEvent& event);
-    Statement IsAllowedInDBSearch(EngineEvent& event, int& rc);
+    bool IsAllowedInDBInternal(EngineEvent& event, const ZorvReadConnections::Lookups& lookups);
+    Statement IsAllowedInDBSearch(EngineEvent& event, int& rc, const ZorvReadConnections::Lookups& lookups);
     bool IsAllowedInRuleSet(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInInventory(sqlite3_stmt* row, EngineEvent& event);
     bool IsAllowedInDrift(sqlite3_stmt* row, EngineEvent& event);
+    // The in-memory rules; the statement below when they are not loaded.
+    bool IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event);
+    // The lookup statement itself.
     bool IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event);
+    // Reads the trust rules into memory again after a change to their tables.
+    void ReloadTrustRulesInternal();
     bool UpdateHitcountInternal(int32_t trustRuleId, int32_t hitcount);
     // A lookup that read the store to its end, and one that could not: the
     // health changes, and its ERROR line, happen here, once per change.
@@ -232,6 +246,8 @@ private:
     uint64_t StoreItemFlushInternal();
     uint64_t StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable);
     uint64_t StoreTrustRuleFlushInternal();
+    // What StoreEventItem hands to the write-behind thread.
+    void StoreEventItemNow(EngineEvent& event);
     uint64_t StoreUserListInternal(const UserListRecord& entry, bool tempTable);
     uint64_t StoreUserListFlushInternal();
     size_t PendingRowsInternal() const;
@@ -293,6 +309,12 @@ private:
     Statement m_pInsertTrustRuleTempTableStmt;
     Statement m_pInsertUserListTempTableStmt;
 
+    // The inventory lookup's own connections, open while m_DB is.
+    ZorvReadConnections m_readers;
+    // The TrustRules and UserList tables in memory; loaded under the database
+    // lock, read without it.
+    ZorvTrustRuleSet m_trustRuleSet;
+
     std::vector<std::string> m_schema;  // the migration scripts, version 4 onwards
 
     // Read without the database lock on every event, hence atomic.
@@ -305,6 +327,10 @@ private:
     std::atomic<bool> m_storeHealthy{true};
     std::atomic<bool> m_storeDamaged{false};  // SQLite reported corruption; kept until reopened
     std::atomic<uint64_t> m_rulesGeneration{0};
+
+    // The writes decisions ask for, done beside them; running while the store
+    // is open. Last, so that it is gone before anything its tasks use.
+    ZorvWriteBehind m_writeBehind;
 };
 
 // Shared by the files above: one statement use, reset and cleared at its end

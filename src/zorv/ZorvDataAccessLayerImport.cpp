@@ -555,8 +555,13 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
         stats.ClearCounters(CounterCategory::Rulesets, prefix);
     }
     stats.SetCounter(CounterCategory::Rulesets, name, rowCount);
-    m_md5RuleCount = MD5RulesCount(false);
-    m_sha1RuleCount = SHA1RulesCount(false);
+    if (kind != RulesetKind::ItemRuleset) ReloadTrustRulesInternal();
+    // Only item rows carry MD5 and SHA-1 rules, and a trust ruleset leaves
+    // InventoryItems as it was: recounting would scan it for nothing.
+    if (kind != RulesetKind::TrustRuleset) {
+        m_md5RuleCount = MD5RulesCount(false);
+        m_sha1RuleCount = SHA1RulesCount(false);
+    }
     // Hit counts are keyed by rule id, and the swap gave every rule its row
     // anew: start each one from zero.
     stats.ClearTrustRuleHitCounts();

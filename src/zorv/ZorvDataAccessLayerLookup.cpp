@@ -14,6 +14,7 @@
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
+#include "ZorvTrustRuleSet.h"
 #include "ZorvWildcard.h"
 
 namespace zorv {
@@ -83,28 +84,16 @@ void SetVerdict(EngineEvent& event, bool allowed, uint32_t reason) {
     event.isAuthorized = reason;
 }
 
-// What one trust type compares against the rules. Texts that keep their case
-// point into the event; the lower-cased ones are copies.
-struct TrustAttributes {
-    std::u16string processName;
-    const std::u16string* signerName = nullptr;
-    const std::u16string* productName = nullptr;
-    const std::u16string* companyName = nullptr;
-    std::array<std::u16string, kIssuerCount> issuer;
-    const SHA256Hash* sha256 = nullptr;
-    std::u16string user;
-    std::u16string group;
-};
-
-bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustAttributes& out) {
+bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustQuery& out) {
     static const std::u16string kEmpty;
+    out.trustType = trustType;
     out.processName = ToLower(event.processName);
     switch (trustType) {
         case 1:
             out.signerName = &event.processSignerName;
             out.productName = &event.processProductName;
             out.companyName = &event.processCompanyName;
-            std::copy(std::begin(event.processIssuer), std::end(event.processIssuer), out.issuer.begin());
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &event.processIssuer[i];
             out.sha256 = &event.processSha256;
             break;
         case 2:
@@ -112,13 +101,14 @@ bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustA
             out.signerName = &event.fileSignerName;
             out.productName = &event.fileProductName;
             out.companyName = &event.fileCompanyName;
-            std::copy(std::begin(event.fileIssuer), std::end(event.fileIssuer), out.issuer.begin());
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &event.fileIssuer[i];
             out.sha256 = &event.fileSha256;
             break;
         case 3:
             // Exclusion by process name alone: every other condition is bound
             // empty, so only rules without one can match.
             out.signerName = out.productName = out.companyName = &kEmpty;
+            for (size_t i = 0; i < kIssuerCount; ++i) out.issuer[i] = &kEmpty;
             return true;
         default:
             return false;
@@ -126,6 +116,18 @@ bool CollectTrustAttributes(uint32_t trustType, const EngineEvent& event, TrustA
     out.user = ToLower(event.user);
     out.group = ToLower(event.group);
     return true;
+}
+
+void LogTrustRuleMiss(const TrustQuery& query, const EngineEvent& event) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRulesInternal";
+    ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
+    ZORV_LOG(kLogTrace, kFunction,
+             u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
+             u"productName='%s' companyName='%s' issuerCN='%s' IssuerC='%s' IssuerS='%s' IssuerL='%s' "
+             u"IssuerO='%s' IssuerOU='%s' procUser='%s' procGroup='%s'",
+             query.processName, event.name, query.trustType, *query.signerName, *query.productName,
+             *query.companyName, *query.issuer[0], *query.issuer[1], *query.issuer[2], *query.issuer[3],
+             *query.issuer[4], *query.issuer[5], query.user, query.group);
 }
 
 // The SQL INSTR only says the rule's group occurs somewhere in the list; here
@@ -182,6 +184,12 @@ bool IsDamage(int rc) {
 // A step that neither found a row nor finished did not look.
 bool StepFailed(int rc) { return rc != SQLITE_ROW && rc != SQLITE_DONE; }
 
+// The text GetErrorString gives, for the connection a lookup used.
+std::u16string ErrorText(sqlite3* db) {
+    const char* text = sqlite3_errstr(db != nullptr ? sqlite3_errcode(db) : -1);
+    return Utf8ToUtf16(text != nullptr ? text : "");
+}
+
 }  // namespace
 
 void ZorvDAL::ResetStoreHealth() {
@@ -213,11 +221,30 @@ void ZorvDAL::NoteStoreFault(const char16_t* function, int rc, const std::u16str
 // ---- Inventory lookup ----
 
 bool ZorvDAL::IsAllowedInDB(EngineEvent& event) {
-    TracedLock lock(m_dbLock, u"ZorvDAL::IsAllowedInDB", u"IsAllowedInDB lock", u"IsAllowedInDB unlock");
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDB";
+    // A read connection of its own: no wait for the writer or other lookups.
+    if (const ZorvReadConnections::Lease reader = m_readers.Acquire()) {
+        ZORV_LOG(kLogTrace, kFunction, u"IsAllowedInDB lock");
+        const bool result = IsAllowedInDBInternal(event, *reader);
+        ZORV_LOG(kLogTrace, kFunction, u"IsAllowedInDB unlock");
+        return result;
+    }
+    TracedLock lock(m_dbLock, kFunction, u"IsAllowedInDB lock", u"IsAllowedInDB unlock");
     return IsAllowedInDBInternal(event);
 }
 
-ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
+bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
+    ZorvReadConnections::Lookups writer;
+    writer.db = m_DB;
+    writer.ruleset = m_pLookupItemAuthRulesetStmt;
+    writer.sha1 = m_pLookupItemAlternateSHA1HashStmt;
+    writer.md5 = m_pLookupItemAlternateMD5HashStmt;
+    writer.any = m_pLookupItemAuthStmt;
+    return IsAllowedInDBInternal(event, writer);
+}
+
+ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc,
+                                                const ZorvReadConnections::Lookups& lookups) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBSearch";
     rc = SQLITE_ERROR;
     // Each way the search can fail to look: the verdict stays "not known" and
@@ -229,13 +256,13 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
         NoteStoreFault(kFunction, code, reason);
         return {};
     };
-    if (!m_DB) return fault(SQLITE_MISUSE, u"m_DB is released");
+    if (!lookups.db) return fault(SQLITE_MISUSE, u"m_DB is released");
     // What SQLite called damaged is not read again until the file is replaced:
     // an answer from the pages it did not trip over could still be wrong.
     if (m_storeDamaged.load(std::memory_order_relaxed)) return fault(SQLITE_CORRUPT, u"damaged file");
 
     // 1. Ruleset rows (sources 1 and 2) by SHA-256 and size.
-    Statement ruleset = m_pLookupItemAuthRulesetStmt;
+    Statement ruleset = lookups.ruleset;
     if (!ruleset) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthRulesetStmt is released");
     if (!event.fileSha256.IsSet()) {
         ZORV_LOG(kLogError, kFunction, u"SHA256 value is empty, unable to create query");
@@ -244,7 +271,7 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     if (!BindSizeAndHash(ruleset.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
         sqlite3_clear_bindings(ruleset.get());
-        return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query");
+        return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query");
     }
     rc = sqlite3_step(ruleset.get());
     if (rc == SQLITE_ROW) return ruleset;
@@ -252,7 +279,7 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
         // Falling through to the next query would let a row of a lower rank
         // answer for a ruleset row the store could not read.
         ResetStatement(ruleset.get());
-        return fault(rc, u"DAL Error" + GetErrorString());
+        return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
     }
     ZORV_LOG(kLogTrace, kFunction,
              u"Did not find sha256 match with source=2 or source=1. Checking for sha1 or md5 match");
@@ -264,55 +291,55 @@ ZorvDAL::Statement ZorvDAL::IsAllowedInDBSearch(EngineEvent& event, int& rc) {
     const int64_t sha1Rules = m_sha1RuleCount;
     if (sha1Rules != 0 && event.fileSha1.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of sha1 rules is: %d", sha1Rules);
-        Statement sha1 = m_pLookupItemAlternateSHA1HashStmt;
+        Statement sha1 = lookups.sha1;
         if (!sha1) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateSHA1HashStmt is released");
         if (!BindDigest(sha1.get(), ":sha1", event.fileSha1)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from sha1");
             sqlite3_clear_bindings(sha1.get());
-            return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query from sha1");
+            return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query from sha1");
         }
         rc = sqlite3_step(sha1.get());
         if (rc == SQLITE_ROW) return sha1;
         ResetStatement(sha1.get());
-        if (StepFailed(rc)) return fault(rc, u"DAL Error" + GetErrorString());
+        if (StepFailed(rc)) return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
     }
     const int64_t md5Rules = m_md5RuleCount;
     if (md5Rules != 0 && event.fileMd5.IsSet()) {
         ZORV_LOG(kLogTrace, kFunction, u"The number of md5 rules is: %d", md5Rules);
-        Statement md5 = m_pLookupItemAlternateMD5HashStmt;
+        Statement md5 = lookups.md5;
         if (!md5) return fault(SQLITE_MISUSE, u"m_pLookupItemAlternateMD5HashStmt is released");
         if (!BindDigest(md5.get(), ":md5", event.fileMd5)) {
             ZORV_LOG(kLogWarning, kFunction, u"Unable to create query from md5");
             sqlite3_clear_bindings(md5.get());
-            return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query from md5");
+            return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query from md5");
         }
         rc = sqlite3_step(md5.get());
         if (rc == SQLITE_ROW) return md5;
         lastUsed = md5.get();
         if (StepFailed(rc)) {
             ResetStatement(lastUsed);
-            return fault(rc, u"DAL Error" + GetErrorString());
+            return fault(rc, u"DAL Error" + ErrorText(lookups.db.get()));
         }
     }
     ZORV_LOG(kLogTrace, kFunction, u"Did not find item with source=2 or source=1.");
     if (lastUsed != nullptr) ResetStatement(lastUsed);
 
     // 4. Any row by SHA-256 and size.
-    Statement any = m_pLookupItemAuthStmt;
+    Statement any = lookups.any;
     if (!any) return fault(SQLITE_MISUSE, u"m_pLookupItemAuthStmt is released");
     if (!BindSizeAndHash(any.get(), event)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
         sqlite3_clear_bindings(any.get());
-        return fault(sqlite3_errcode(m_DB.get()), u"Unable to create query");
+        return fault(sqlite3_errcode(lookups.db.get()), u"Unable to create query");
     }
     rc = sqlite3_step(any.get());
     return any;
 }
 
-bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
+bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event, const ZorvReadConnections::Lookups& lookups) {
     constexpr char16_t kFunction[] = u"ZorvDAL::IsAllowedInDBInternal";
     int rc = SQLITE_ERROR;
-    Statement found = IsAllowedInDBSearch(event, rc);
+    Statement found = IsAllowedInDBSearch(event, rc, lookups);
     if (!found) return false;
     // Reset and cleared however this ends, also after a step error.
     const StatementUse use(std::move(found));
@@ -352,7 +379,7 @@ bool ZorvDAL::IsAllowedInDBInternal(EngineEvent& event) {
         // What the loop wrote came from a read that did not finish: no verdict.
         event.dbVerdict = AC_DB_NOT_KNOWN;
         event.storeFault = 1;
-        NoteStoreFault(kFunction, rc, u"DAL Error" + GetErrorString());
+        NoteStoreFault(kFunction, rc, u"DAL Error" + ErrorText(lookups.db.get()));
         return false;
     }
     NoteStoreAnswered();
@@ -434,14 +461,53 @@ bool ZorvDAL::IsAllowedInDrift(sqlite3_stmt* row, EngineEvent&) {
 // ---- Trust rules ----
 
 bool ZorvDAL::IsFoundInTrustRules(uint32_t trustType, EngineEvent& event) {
-    // The flag saves every event a query while the store holds no rules.
+    constexpr char16_t kFunction[] = u"ZorvDAL::IsFoundInTrustRules";
+    // The flag saves every event a lookup while the store holds no rules.
     if (!m_trustRulesEnabled) {
-        ZORV_LOG(kLogTrace, u"ZorvDAL::IsFoundInTrustRules", u"TrustRules are not enabled");
+        ZORV_LOG(kLogTrace, kFunction, u"TrustRules are not enabled");
         return false;
     }
-    TracedLock lock(m_dbLock, u"ZorvDAL::IsFoundInTrustRules", u"IsFoundInTrustRules lock",
-                    u"IsFoundInTrustRules unlock");
-    return IsFoundInTrustRulesInternal(trustType, event);
+    ZORV_LOG(kLogTrace, kFunction, u"IsFoundInTrustRules lock");
+    const bool found = IsFoundInTrustRuleSet(trustType, event);
+    ZORV_LOG(kLogTrace, kFunction, u"IsFoundInTrustRules unlock");
+    return found;
+}
+
+bool ZorvDAL::IsFoundInTrustRuleSet(uint32_t trustType, EngineEvent& event) {
+    TrustQuery query;
+    const bool known = CollectTrustAttributes(trustType, event, query);
+    ZorvTrustRuleSet::Hit hit;
+    // A store SQLite called damaged answers nothing, from memory either: the
+    // statement's path says so and marks the event.
+    const ZorvTrustRuleSet::Answer answer = known && !m_storeDamaged.load(std::memory_order_relaxed)
+                                                ? m_trustRuleSet.Find(query, event.name, hit)
+                                                : ZorvTrustRuleSet::Answer::NotLoaded;
+    if (answer == ZorvTrustRuleSet::Answer::NotLoaded) {
+        // Closed, damaged, or the rules could not be read: the statement
+        // answers (and says why it cannot), under the database lock as before.
+        if (!known && m_trustRuleSet.IsLoaded()) {
+            ZORV_LOG(kLogWarning, u"ZorvDAL::IsFoundInTrustRulesInternal", u"Unknown trust rule type");
+            return false;
+        }
+        std::lock_guard<std::mutex> lock(m_dbLock);
+        return IsFoundInTrustRulesInternal(trustType, event);
+    }
+    if (answer == ZorvTrustRuleSet::Answer::NotFound) {
+        LogTrustRuleMiss(query, event);
+        return false;
+    }
+    event.trustOrigin = kTrustOriginTrustRule;
+    if (hit.hasRuleset) event.ruleset = std::move(hit.ruleset);
+    // Only the first hit is stored here, beside the decision; the true count
+    // lives in the statistics and is written back in bulk when the engine stops.
+    if (hit.firstHit) {
+        m_writeBehind.Post([this, id = hit.trustRuleId] {
+            std::lock_guard<std::mutex> lock(m_dbLock);
+            UpdateHitcountInternal(id, 0);
+        });
+    }
+    ZorvStats::Instance().IncrementTrustRuleHitCount(hit.trustRuleId);
+    return true;
 }
 
 bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event) {
@@ -457,7 +523,7 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
     Statement held = m_pLookupTrustRuleStmt;
     if (!held) return fault(SQLITE_MISUSE, u"m_pLookupTrustRuleStmt is released");
 
-    TrustAttributes attributes;
+    TrustQuery attributes;
     if (!CollectTrustAttributes(trustType, event, attributes)) {
         ZORV_LOG(kLogWarning, kFunction, u"Unknown trust rule type");
         return false;
@@ -479,7 +545,7 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
                     : sqlite3_bind_null(stmt, index);
     }
     for (size_t i = 0; i < kIssuerCount && bound == SQLITE_OK; ++i) {
-        bound = BindLookupText(stmt, kIssuerParameters[i], attributes.issuer[i]);
+        bound = BindLookupText(stmt, kIssuerParameters[i], *attributes.issuer[i]);
     }
     if (bound != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to create query");
@@ -530,18 +596,13 @@ bool ZorvDAL::IsFoundInTrustRulesInternal(uint32_t trustType, EngineEvent& event
     }
     if (rc != SQLITE_DONE) return fault(rc, u"DAL Error" + GetErrorString());
     NoteStoreAnswered();
-    ZORV_LOG(kLogTrace, kFunction, u"No applicable trust rule found in database");
-    ZORV_LOG(kLogTrace, kFunction,
-             u"Following event is not in trust rules: processName='%s' path='%s' trustType=%d signerName='%s' "
-             u"productName='%s' companyName='%s' issuerCN='%s' IssuerC='%s' IssuerS='%s' IssuerL='%s' "
-             u"IssuerO='%s' IssuerOU='%s' procUser='%s' procGroup='%s'",
-             attributes.processName, event.name, trustType, *attributes.signerName, *attributes.productName,
-             *attributes.companyName, attributes.issuer[0], attributes.issuer[1], attributes.issuer[2],
-             attributes.issuer[3], attributes.issuer[4], attributes.issuer[5], attributes.user, attributes.group);
+    LogTrustRuleMiss(attributes, event);
     return false;
 }
 
 bool ZorvDAL::UpdateHitcount(int32_t trustRuleId, int32_t hitcount) {
+    // A first hit still queued must not land after, and over, the full count.
+    m_writeBehind.Drain();
     TracedLock lock(m_dbLock, u"ZorvDAL::UpdateHitcount", u"UpdateHitcount lock", u"UpdateHitcount unlock");
     return UpdateHitcountInternal(trustRuleId, hitcount);
 }

@@ -11,6 +11,20 @@ namespace zorv::dal {
 
 inline constexpr char16_t kLogSource[] = u"src/zorv/ZorvDataAccessLayer";
 
+// The inventory lookups, prepared on the writer and on every read connection.
+inline constexpr char kLookupItemAuthSql[] =
+    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) ORDER BY inventoryItemId "
+    "DESC LIMIT 1;";
+inline constexpr char kLookupItemAuthRulesetSql[] =
+    "SELECT * FROM InventoryItems WHERE(sha256 = :hash) and (size = 0 or size = :size) AND (source = 2 OR source = "
+    "1) ORDER BY inventoryItemId DESC LIMIT 1;";
+inline constexpr char kLookupItemAlternateSHA1HashSql[] =
+    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND(sha1 = :sha1)) ORDER BY inventoryItemId DESC "
+    "LIMIT 1;";
+inline constexpr char kLookupItemAlternateMD5HashSql[] =
+    "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND (md5 = :md5 )) ORDER BY inventoryItemId DESC "
+    "LIMIT 1;";
+
 // The import's inserts into the replacement tables, prepared on first use.
 inline constexpr char kInsertItemTempTableSQL[] =
     "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "

@@ -248,6 +248,8 @@ uint64_t ZorvDAL::StoreItemBuffer(const InventoryItemRecord& item) {
 }
 
 uint64_t ZorvDAL::StoreItemFlush() {
+    // Items decisions learned are written first, so that the flush holds them.
+    m_writeBehind.Drain();
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreItemFlush", u"StoreItemFlush lock", u"StoreItemFlush unlock");
     return StoreItemFlushInternal();
 }
@@ -315,7 +317,9 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
 
 uint64_t ZorvDAL::StoreTrustRule(const TrustRuleRecord& rule) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreTrustRule", u"StoreTrustRule lock", u"StoreTrustRule unlock");
-    return StoreTrustRuleInternal(rule, false);
+    const uint64_t stored = StoreTrustRuleInternal(rule, false);
+    if (stored != 0) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreTrustRuleBuffer(const TrustRuleRecord& rule) {
@@ -332,8 +336,12 @@ uint64_t ZorvDAL::StoreTrustRuleFlush() {
 }
 
 uint64_t ZorvDAL::StoreTrustRuleFlushInternal() {
-    return FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush", m_lastInsertRc,
-                       [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
+    const bool pending = !m_pendingTrustRules.empty();
+    const uint64_t stored =
+        FlushBuffer(m_DB, m_pendingTrustRules, u"ZorvDAL::StoreTrustRuleFlushInternal", u"StoreTrustRuleFlush", m_lastInsertRc,
+                    [this](const TrustRuleRecord& record) { return StoreTrustRuleInternal(record, false); });
+    if (pending) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable) {
@@ -388,7 +396,9 @@ uint64_t ZorvDAL::StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempT
 
 uint64_t ZorvDAL::StoreUserList(const UserListRecord& entry) {
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreUserList", u"StoreUserList lock", u"StoreUserList unlock");
-    return StoreUserListInternal(entry, false);
+    const uint64_t stored = StoreUserListInternal(entry, false);
+    if (stored != 0) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreUserListBuffer(const UserListRecord& entry) {
@@ -405,8 +415,12 @@ uint64_t ZorvDAL::StoreUserListFlush() {
 }
 
 uint64_t ZorvDAL::StoreUserListFlushInternal() {
-    return FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush", m_lastInsertRc,
-                       [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
+    const bool pending = !m_pendingUserLists.empty();
+    const uint64_t stored =
+        FlushBuffer(m_DB, m_pendingUserLists, u"ZorvDAL::StoreUserListFlushInternal", u"StoreUserListFlush", m_lastInsertRc,
+                    [this](const UserListRecord& record) { return StoreUserListInternal(record, false); });
+    if (pending) ReloadTrustRulesInternal();
+    return stored;
 }
 
 uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTable) {
@@ -440,6 +454,16 @@ uint64_t ZorvDAL::StoreUserListInternal(const UserListRecord& entry, bool tempTa
 // ---- Items the engine decided on ----
 
 bool ZorvDAL::StoreEventItem(EngineEvent& event) {
+    // The caller sees the source the row will have; the row itself is written
+    // beside the decision, which must not wait for the writer.
+    if (event.source != AC_SOURCE_SCANNED && event.source != AC_SOURCE_PRELINK) {
+        event.source = AC_SOURCE_APPROVED_DRIFT;
+    }
+    m_writeBehind.Post([this, item = event]() mutable { StoreEventItemNow(item); });
+    return true;
+}
+
+void ZorvDAL::StoreEventItemNow(EngineEvent& event) {
     switch (event.source) {
         case AC_SOURCE_SCANNED:
             StoreItemBuffer(event);
@@ -454,7 +478,6 @@ bool ZorvDAL::StoreEventItem(EngineEvent& event) {
             StoreItem(event);
             break;
     }
-    return true;
 }
 
 void ZorvDAL::SetPrelinkOldHash(const SHA256Hash& hash) {

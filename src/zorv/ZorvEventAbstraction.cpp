@@ -53,23 +53,31 @@ bool CopyText(const ZorvChar* in, std::u16string& out) {
 // ---- ProcessMap ----
 
 bool ProcessMap::Find(uint64_t pid, const std::u16string& image, Entry& out) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const auto it = m_processes.find(pid);
-    if (it == m_processes.end() || it->second.image != image) return false;
+    const Shard& shard = ShardOf(pid);
+    std::lock_guard<std::mutex> lock(shard.mutex);
+    const auto it = shard.processes.find(pid);
+    if (it == shard.processes.end() || it->second.image != image) return false;
     out = it->second;
     return true;
 }
 
 void ProcessMap::Add(uint64_t pid, ProcessTypeIndex typeIndex, const std::u16string& image) {
     Entry entry{typeIndex, image};
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_processes.size() >= kMaxProcesses && m_processes.find(pid) == m_processes.end()) m_processes.clear();
-    m_processes.insert_or_assign(pid, std::move(entry));
+    Shard& shard = ShardOf(pid);
+    std::lock_guard<std::mutex> lock(shard.mutex);
+    if (shard.processes.size() >= kMaxProcesses / kShards && shard.processes.find(pid) == shard.processes.end()) {
+        shard.processes.clear();
+    }
+    shard.processes.insert_or_assign(pid, std::move(entry));
 }
 
 size_t ProcessMap::Size() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_processes.size();
+    size_t size = 0;
+    for (const Shard& shard : m_shards) {
+        std::lock_guard<std::mutex> lock(shard.mutex);
+        size += shard.processes.size();
+    }
+    return size;
 }
 
 // ---- ZorvEngine ----

@@ -25,12 +25,15 @@ namespace zorv {
 // entry counts only while the event names the same image; a mismatch reads as
 // absent and the next Add replaces it.
 //
-// Thread-safe: one mutex guards the map; nothing is called under it.
+// Thread-safe: the pids are spread over shards by value, each with its own
+// mutex on its own cache line, so events of different processes do not wait
+// for one another; nothing is called under a shard's lock.
 class ProcessMap {
 public:
-    // Bounds memory on a machine that starts processes for months: the map is
-    // dropped whole at this size and refills from the next events.
+    // Bounds memory on a machine that starts processes for months: a shard is
+    // dropped whole at its share of this size and refills from the next events.
     static constexpr size_t kMaxProcesses = 16384;
+    static constexpr size_t kShards = 16;
 
     struct Entry {
         ProcessTypeIndex typeIndex = kNoProcessType;
@@ -43,8 +46,12 @@ public:
     size_t Size() const;
 
 private:
-    mutable std::mutex m_mutex;  // guards m_processes
-    std::unordered_map<uint64_t, Entry> m_processes;
+    struct alignas(64) Shard {
+        mutable std::mutex mutex;  // guards processes
+        std::unordered_map<uint64_t, Entry> processes;
+    };
+    Shard& ShardOf(uint64_t pid) const { return m_shards[(pid ^ (pid >> 4)) % kShards]; }
+    mutable Shard m_shards[kShards];
 };
 
 class ZorvEngine {

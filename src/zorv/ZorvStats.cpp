@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,11 +31,12 @@ struct JsonTextDeleter {
 // Fills `object` from a counter map, at most `limit` entries in key order. A
 // name that is not valid UTF-16 is written with U+FFFD in place of the broken
 // unit rather than dropped, so the count still shows.
-void AddCounters(cJSON* object, const std::map<std::u16string, uint64_t, std::less<>>& counters, size_t limit) {
+template <typename Map>
+void AddCounters(cJSON* object, const Map& counters, size_t limit) {
     size_t added = 0;
     for (const auto& [name, count] : counters) {
         if (added++ == limit) break;
-        cJSON_AddNumberToObject(object, Utf16ToUtf8(name).c_str(), static_cast<double>(count));
+        cJSON_AddNumberToObject(object, Utf16ToUtf8(name).c_str(), static_cast<double>(uint64_t{count}));
     }
 }
 
@@ -47,26 +49,36 @@ ZorvStats& ZorvStats::Instance() {
 
 uint64_t ZorvStats::IncrementMetric(std::u16string_view name) {
     if (name.empty()) return 0;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    {
+        std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
+        const auto it = m_metrics.find(name);
+        if (it != m_metrics.end()) return it->second.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    std::lock_guard<SlottedSharedMutex> lock(m_metricsLock);
     auto it = m_metrics.find(name);
-    if (it == m_metrics.end()) it = m_metrics.emplace(std::u16string(name), 0).first;
-    return ++it->second;
+    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name), 0).first;
+    return it->second.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 void ZorvStats::SetMetric(std::u16string_view name, uint64_t value) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_metrics.find(name);
-    if (it == m_metrics.end()) {
-        m_metrics.emplace(std::u16string(name), value);
-    } else {
-        it->second = value;
+    {
+        std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
+        const auto it = m_metrics.find(name);
+        if (it != m_metrics.end()) {
+            it->second.store(value, std::memory_order_relaxed);
+            return;
+        }
     }
+    std::lock_guard<SlottedSharedMutex> lock(m_metricsLock);
+    auto it = m_metrics.find(name);
+    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name), 0).first;
+    it->second.store(value, std::memory_order_relaxed);
 }
 
 uint64_t ZorvStats::GetMetric(std::u16string_view name) const {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
     const auto it = m_metrics.find(name);
-    return it == m_metrics.end() ? 0 : it->second;
+    return it == m_metrics.end() ? 0 : it->second.load(std::memory_order_relaxed);
 }
 
 ZorvStats::CounterMap* ZorvStats::Category(CounterCategory category) {
@@ -131,18 +143,18 @@ void ZorvStats::ClearCounters(CounterCategory category, std::u16string_view pref
 }
 
 void ZorvStats::SetTrustRuleHitCount(int32_t trustRuleId, int64_t value) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_trustRuleHitCounts[trustRuleId] = value;
+    std::lock_guard<SlottedSharedMutex> lock(m_hitCountsLock);
+    m_trustRuleHitCounts[trustRuleId].store(value, std::memory_order_relaxed);
 }
 
 void ZorvStats::IncrementTrustRuleHitCount(int32_t trustRuleId) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::shared_lock<SlottedSharedMutex> lock(m_hitCountsLock);
     const auto it = m_trustRuleHitCounts.find(trustRuleId);
-    if (it != m_trustRuleHitCounts.end()) ++it->second;
+    if (it != m_trustRuleHitCounts.end()) it->second.fetch_add(1, std::memory_order_relaxed);
 }
 
 void ZorvStats::ClearTrustRuleHitCounts() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<SlottedSharedMutex> lock(m_hitCountsLock);
     m_trustRuleHitCounts.clear();
 }
 
@@ -156,7 +168,7 @@ uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size, const EngineSection
     // slightly different moments, but event threads never wait for the
     // whole document, and the store below is called without the lock.
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
         AddCounters(metrics, m_metrics, m_metrics.size());
     }
     cJSON* section = cJSON_AddObjectToObject(metrics, "InventoryUnknownExtensons");
@@ -171,11 +183,11 @@ uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size, const EngineSection
     }
     section = cJSON_AddObjectToObject(metrics, "TrustRuleHitCounts");
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::shared_lock<SlottedSharedMutex> lock(m_hitCountsLock);
         size_t added = 0;
         for (const auto& [id, count] : m_trustRuleHitCounts) {
             if (added++ == kMaxSectionEntries) break;
-            cJSON_AddNumberToObject(section, std::to_string(id).c_str(), static_cast<double>(count));
+            cJSON_AddNumberToObject(section, std::to_string(id).c_str(), static_cast<double>(count.load()));
         }
     }
     section = cJSON_AddObjectToObject(metrics, "rulesets");
@@ -218,8 +230,8 @@ uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size, const EngineSection
 void ZorvStats::WriteTrustRuleHitCounts() {
     std::vector<std::pair<int32_t, int64_t>> counts;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        counts.assign(m_trustRuleHitCounts.begin(), m_trustRuleHitCounts.end());
+        std::shared_lock<SlottedSharedMutex> lock(m_hitCountsLock);
+        for (const auto& [id, count] : m_trustRuleHitCounts) counts.emplace_back(id, count.load());
     }
     // The stored value is to be the count minus one: a loaded but never matched
     // rule reads -1, so "hitcount >= 1" selects the rules that matched more than

@@ -2,18 +2,24 @@
 // counters, per-extension and per-ruleset counters, and the in-memory hit
 // counts of trust rules.
 //
-// Thread-safe: one mutex guards every map and is held only for the duration
-// of one operation. It is never held while calling the rule store or the
-// allow cache, so the lock order "database lock, then statistics lock" cannot
-// be inverted from here.
+// Thread-safe. The general counters and the trust-rule hit counts, which
+// events bump on every decision, are atomics in maps that only grow while
+// events run: a bump finds its counter under a read-mostly lock whose readers
+// share no cache line, and takes the exclusive side only to add a name. One
+// mutex guards the category maps. No lock is held while calling the rule store
+// or the allow cache, so the lock order "database lock, then statistics lock"
+// cannot be inverted from here.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <string_view>
+
+#include "ZorvSlottedSharedMutex.h"
 
 struct cJSON;
 
@@ -76,12 +82,15 @@ private:
     CounterMap* Category(CounterCategory category);
     const CounterMap* Category(CounterCategory category) const;
 
-    mutable std::mutex m_mutex;  // guards the five maps below
-    CounterMap m_metrics;
+    mutable SlottedSharedMutex m_metricsLock;  // guards the shape of m_metrics, not its values
+    std::map<std::u16string, std::atomic<uint64_t>, std::less<>> m_metrics;
+    mutable SlottedSharedMutex m_hitCountsLock;  // guards the shape of m_trustRuleHitCounts
+    std::map<int32_t, std::atomic<int64_t>> m_trustRuleHitCounts;
+
+    mutable std::mutex m_mutex;  // guards the three maps below
     CounterMap m_driftUnknownExtensions;
     CounterMap m_inventoryUnknownExtensions;
     CounterMap m_rulesets;
-    std::map<int32_t, int64_t> m_trustRuleHitCounts;
 };
 
 }  // namespace zorv

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <mutex>
 
 #include "ZorvDataAccessLayer.h"
 
@@ -17,6 +18,20 @@ struct ZorvDALTestPeer {
     static size_t PendingRows(ZorvDAL& dal) {
         std::lock_guard<std::mutex> lock(dal.m_dbLock);
         return dal.PendingRowsInternal();
+    }
+
+    // The lookup statement and the in-memory rules, asked the same question.
+    static bool FoundByStatement(ZorvDAL& dal, uint32_t trustType, EngineEvent& event) {
+        std::lock_guard<std::mutex> lock(dal.m_dbLock);
+        return dal.IsFoundInTrustRulesInternal(trustType, event);
+    }
+    static bool FoundInMemory(ZorvDAL& dal, uint32_t trustType, EngineEvent& event) {
+        return dal.IsFoundInTrustRuleSet(trustType, event);
+    }
+    // What the store does after it changes the rules itself.
+    static void ReloadTrustRules(ZorvDAL& dal) {
+        std::lock_guard<std::mutex> lock(dal.m_dbLock);
+        dal.ReloadTrustRulesInternal();
     }
 };
 

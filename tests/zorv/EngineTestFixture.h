@@ -11,6 +11,7 @@
 #include "SqliteProbe.h"
 #include "TestSupport.h"
 #include "Zorv.h"
+#include "ZorvDataAccessLayer.h"
 #include "ZorvEventAbstraction.h"
 #include "ZorvLogger.h"
 #include "ZorvStats.h"
@@ -108,7 +109,11 @@ protected:
     void AddRule(const std::string& columns, const std::string& values) {
         Probe().Exec("INSERT INTO TrustRules(" + columns + ") VALUES(" + values + ");");
     }
-    long long ItemCount(const std::string& where = "1") { return Probe().Count("InventoryItems WHERE " + where); }
+    // Counted once the items decisions learned are written (beside them, not before they return).
+    long long ItemCount(const std::string& where = "1") {
+        ZorvDAL::Instance().DrainDecisionWrites();
+        return Probe().Count("InventoryItems WHERE " + where);
+    }
 
     // Runs one event through app_ctl; the status lands in `status`.
     AppCtlResult Run(PluginEvent event, uint32_t* status = nullptr) {

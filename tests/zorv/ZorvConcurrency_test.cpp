@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -87,10 +88,30 @@ TEST_F(ZorvConcurrency, EveryAnswerUnderLoadEqualsItsSingleThreadedReplay) {
             --running;
         });
     }
+    // Another program's writer beside the engine, taking the write lock for a
+    // while and letting go: lookups read beside it, the engine's writes wait.
+    std::thread foreign([&] {
+        auto probe = Probe();
+        while (running.load() > 0) {
+            probe.Exec("BEGIN IMMEDIATE;");
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            probe.Exec("ROLLBACK;");
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
     // The control thread: rulesets for other files (each import clears the
-    // cache and swaps the inventory table) and metrics documents.
+    // cache and swaps the inventory table), trust rules for other processes
+    // (each swaps the in-memory rules), flushes and metrics documents.
     const std::u16string rulesetName = u"executionRules";
+    const std::u16string trustName = u"trustrules_other";
     for (int i = 0; running.load() > 0; ++i) {
+        if (i % 3 == 0) {
+            const std::u16string trust = u"{\"Trustrules\":[{\"processName\":\"c:\\\\other" +
+                                         std::u16string(1, static_cast<char16_t>(u'0' + i % 10)) +
+                                         u"\\\\*.exe\",\"trustType\":4,\"paths\":\"c:\\\\other\\\\*\"}]}";
+            EXPECT_EQ(set_ruleset_buffer(1, test::Host(trust), test::Host(trustName)), AC_OK);
+        }
+        flush_db_buffer();
         const std::u16string json = u"{\"rules\":[{\"fileName\":\"r.exe\",\"sha256\":\"" +
                                     std::u16string(64, static_cast<char16_t>(u'a' + i % 6)) +
                                     u"\",\"size\":10,\"action\":\"allow\"}]}";
@@ -103,6 +124,7 @@ TEST_F(ZorvConcurrency, EveryAnswerUnderLoadEqualsItsSingleThreadedReplay) {
         EXPECT_EQ(get_metrics_mem(buffer.data(), &size), AC_OK);
     }
     for (auto& thread : threads) thread.join();
+    foreign.join();
     EXPECT_EQ(mismatches.load(), 0);
     for (size_t i = 0; i < mix.size(); ++i) EXPECT_EQ(Ask(mix[i]), replay[i]) << "changed after the load: " << i;
 }

@@ -146,6 +146,7 @@ TEST_F(ZorvStore, ApprovedDriftReplacesScannedAndDriftRowsOfBothDirectorySpellin
                   "('g.exe', 'c:\\dir\\', 3), ('f.exe', 'c:\\dir\\sub\\', 3);");
     EngineEvent drift = Item(u"c:\\dir\\", u"f.exe", 0);
     EXPECT_TRUE(m_dal.StoreEventItem(drift));
+    m_dal.DrainDecisionWrites();
     EXPECT_EQ((Lines{"f.exe|c:\\dir\\|2", "g.exe|c:\\dir\\|3", "f.exe|c:\\dir\\sub\\|3", "f.exe|c:\\dir\\|4"}),
               m_probe->Lines("SELECT fileName, path, source FROM InventoryItems ORDER BY inventoryItemId"));
 }

@@ -135,6 +135,9 @@ TEST_F(ZorvTrustRules, ExclusionSeesOnlyProcessNameRules) {
     Reopen();
     EXPECT_FALSE(Found(kExclusion, Event()));
     AddRule("trustType, processName", "3, 'c:\\tools\\*.exe'");
+    // The rules are held in memory: another program's write is read at the next open.
+    EXPECT_FALSE(Found(kExclusion, Event()));
+    Reopen();
     EXPECT_TRUE(Found(kExclusion, Event()));
     EXPECT_FALSE(Found(9, Event())) << "unknown type";
 }
@@ -144,7 +147,11 @@ TEST_F(ZorvTrustRules, FirstHitMarksTheRuleAndStatisticsKeepTheCount) {
     Reopen();
     ZorvStats::Instance().ClearTrustRuleHitCounts();
     ZorvStats::Instance().SetTrustRuleHitCount(1, 0);
-    const auto stored = [&] { return Probe().Scalar("SELECT hitcount FROM TrustRules WHERE trustRuleId = 1"); };
+    // The first hit is written beside the decision; the drain waits for it.
+    const auto stored = [&] {
+        Dal().DrainDecisionWrites();
+        return Probe().Scalar("SELECT hitcount FROM TrustRules WHERE trustRuleId = 1");
+    };
 
     EXPECT_TRUE(Found(kTrustedExecution, Event()));
     EXPECT_EQ(stored(), "1");

@@ -1,0 +1,56 @@
+// ZorvWriteBehind: the writes a decision asks for (a trust rule's first hit,
+// an item learned in a maintenance window, from a trusted updater or by file
+// time), carried out on a thread of their own so that the decision never waits
+// for the writer, which an import, a flush or another process may hold for
+// seconds.
+//
+// Thread-safe. One mutex guards the queue and is held only to add or take
+// tasks, never while one runs. A task posted while the worker runs reaches the
+// store as soon as the writer is free; Drain runs what is queued on the
+// caller's thread (a flush), and Stop runs it all before the worker ends, so
+// nothing posted while the store is open is lost.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace zorv {
+
+class ZorvWriteBehind {
+public:
+    using Task = std::function<void()>;
+
+    ZorvWriteBehind() = default;
+    ~ZorvWriteBehind();
+    ZorvWriteBehind(const ZorvWriteBehind&) = delete;
+    ZorvWriteBehind& operator=(const ZorvWriteBehind&) = delete;
+
+    // Starts the worker unless it runs. False when no thread could be made:
+    // tasks then run on the posting thread, as before there was a worker.
+    bool Start();
+    // Queues `task` for the worker, or runs it here when there is none.
+    void Post(Task task);
+    // Runs every queued task on this thread and waits for the one the worker
+    // may be running, so that what was posted before is in the store after.
+    void Drain();
+    // Runs what is queued, then ends the worker.
+    void Stop();
+
+private:
+    void Work();
+
+    std::mutex m_mutex;               // guards the four members below
+    std::condition_variable m_wake;   // a task arrived, or Stop
+    std::condition_variable m_idle;   // the worker finished a task
+    std::deque<Task> m_tasks;
+    bool m_running = false;           // a worker takes tasks
+    bool m_busy = false;              // the worker runs a task it took
+    bool m_stopping = false;
+    std::thread m_worker;             // started and joined by Start and Stop only
+    std::mutex m_lifecycle;           // serialises Start and Stop
+};
+
+}  // namespace zorv
