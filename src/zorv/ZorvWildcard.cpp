@@ -11,8 +11,6 @@ bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
 
 enum Kind : uint8_t { kLiteral, kAnyOne, kAnyRun, kAnyLevels, kAccept };
 
-void SetBit(std::vector<uint64_t>& mask, size_t i) { mask[i / 64] |= uint64_t{1} << (i % 64); }
-
 size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
 
 // One step of the automaton over W words. S holds the positions reached; M
@@ -77,38 +75,35 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
 
 }  // namespace
 
-WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
-    WildcardPattern compiled;
-    if (!Fits(patterns)) return compiled;
-    size_t start = 0;
-    while (start <= patterns.size()) {
-        size_t end = patterns.find(u';', start);
-        if (end == std::u16string_view::npos) end = patterns.size();
-        if (end > start) compiled.Add(patterns.substr(start, end - start));
-        start = end + 1;
-    }
-    compiled.Finish();
-    return compiled;
-}
+// Building state, on the stack: a pattern of n units yields at most n + 2
+// elements and an accepting position, so a list that fits has at most four
+// positions per unit.
+struct WildcardPattern::Builder {
+    static constexpr size_t kMaxPositions = 4 * kMaxPatternUnits;
+    std::u16string exact;
+    std::array<uint8_t, kMaxPositions> kinds;
+    std::array<char16_t, kMaxPositions> units;
+    std::array<uint16_t, kMaxPatternUnits> starts, accepts;
+    size_t positions = 0;
+    size_t patterns = 0;
+    bool wild = false;
 
-WildcardPattern WildcardPattern::CompileOne(std::u16string_view pattern) {
-    WildcardPattern compiled;
-    if (!Fits(pattern)) return compiled;
-    compiled.Add(pattern);
-    compiled.Finish();
-    return compiled;
-}
+    void Add(std::u16string_view pattern);
+};
 
-void WildcardPattern::Add(std::u16string_view pattern) {
-    m_exact.emplace_back(pattern);
+void WildcardPattern::Builder::Add(std::u16string_view pattern) {
+    exact += static_cast<char16_t>(pattern.size());
+    exact += pattern;
     if (pattern.find_first_of(u"*?") == std::u16string_view::npos) return;
+    wild = true;
 
     std::u16string rewritten(pattern);
     // "dir\**" means everything below dir, and "dir\" the files directly in it.
     if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
-    m_starts.push_back(m_kinds.size());
+    const size_t first = positions;
+    starts[patterns] = static_cast<uint16_t>(first);
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
         Kind kind = kLiteral;
@@ -123,96 +118,150 @@ void WildcardPattern::Add(std::u16string_view pattern) {
             }
         }
         // Adjacent runs of '*' accept the same texts as one.
-        if (kind == kAnyRun && m_kinds.size() > m_starts.back() && m_kinds.back() == kAnyRun) continue;
-        m_kinds.push_back(kind);
-        m_units.push_back(unit);
+        if (kind == kAnyRun && positions > first && kinds[positions - 1] == kAnyRun) continue;
+        kinds[positions] = kind;
+        units[positions] = unit;
+        ++positions;
     }
-    m_accepts.push_back(m_kinds.size());
-    m_kinds.push_back(kAccept);
-    m_units.push_back(0);
+    accepts[patterns] = static_cast<uint16_t>(positions);
+    kinds[positions] = kAccept;
+    units[positions] = 0;
+    ++positions;
+    ++patterns;
 }
 
-void WildcardPattern::Finish() {
-    m_positions = m_kinds.size();
-    m_words = (m_positions + 63) / 64;
-    if (m_words == 0) return;
-    for (auto* mask : {&m_start, &m_accept, &m_anyOne, &m_anyRun, &m_anyLevels, &m_empty}) {
-        mask->assign(m_words, 0);
+WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
+    if (!Fits(patterns)) return {};
+    Builder builder;
+    size_t start = 0;
+    while (start <= patterns.size()) {
+        size_t end = patterns.find(u';', start);
+        if (end == std::u16string_view::npos) end = patterns.size();
+        if (end > start) builder.Add(patterns.substr(start, end - start));
+        start = end + 1;
     }
-    for (size_t i : m_starts) SetBit(m_start, i);
-    for (size_t i : m_accepts) SetBit(m_accept, i);
+    return Build(builder);
+}
+
+WildcardPattern WildcardPattern::CompileOne(std::u16string_view pattern) {
+    if (!Fits(pattern)) return {};
+    Builder builder;
+    builder.Add(pattern);
+    return Build(builder);
+}
+
+WildcardPattern WildcardPattern::Build(Builder& b) {
+    WildcardPattern compiled;
+    compiled.m_exact = std::move(b.exact);
+    // A list without wildcards is only its texts.
+    if (!b.wild) return compiled;
+
+    const size_t positions = b.positions;
+    const size_t words = (positions + 63) / 64;
 
     // Row 0 serves units no literal names; separators always get rows of
     // their own, since '?' never moves on them.
-    std::vector<char16_t> distinct{u'\\', u'/'};
-    for (size_t i = 0; i < m_positions; ++i) {
-        switch (m_kinds[i]) {
-            case kAnyOne: SetBit(m_anyOne, i); break;
-            case kAnyRun: SetBit(m_anyRun, i); SetBit(m_empty, i); break;
-            case kAnyLevels: SetBit(m_anyLevels, i); SetBit(m_empty, i); break;
-            case kLiteral: distinct.push_back(m_units[i]); break;
+    std::array<char16_t, Builder::kMaxPositions + 2> distinct;
+    size_t count = 0;
+    distinct[count++] = u'\\';
+    distinct[count++] = u'/';
+    for (size_t i = 0; i < positions; ++i) {
+        if (b.kinds[i] == kLiteral) distinct[count++] = b.units[i];
+    }
+    std::sort(distinct.begin(), distinct.begin() + count);
+    count = static_cast<size_t>(std::unique(distinct.begin(), distinct.begin() + count) - distinct.begin());
+    size_t others = 0;
+    for (size_t r = 0; r < count; ++r) others += distinct[r] >= 128 ? 1 : 0;
+    size_t slots = 0;
+    if (others > 0) {
+        slots = 1;
+        while (slots < others * 2) slots *= 2;
+    }
+
+    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const size_t masksAt = kAsciiWords + (slots + 1) / 2;
+    const size_t rowsAt = masksAt + 5 * words;
+    compiled.m_words = static_cast<uint16_t>(words);
+    compiled.m_otherSlots = static_cast<uint16_t>(slots);
+    compiled.m_rowsAt = static_cast<uint16_t>(rowsAt);
+    std::vector<uint64_t>& block = compiled.m_block;
+    block.assign(rowsAt + (count + 1) * words, 0);
+    uint64_t* const start = block.data() + masksAt;
+    uint64_t* const accept = start + words;
+    uint64_t* const anyRun = accept + words;
+    uint64_t* const anyLevels = anyRun + words;
+    uint64_t* const empty = anyLevels + words;
+    uint64_t* const rows = block.data() + rowsAt;
+    const auto set = [](uint64_t* mask, size_t i) { mask[i / 64] |= uint64_t{1} << (i % 64); };
+
+    for (size_t p = 0; p < b.patterns; ++p) {
+        set(start, b.starts[p]);
+        set(accept, b.accepts[p]);
+    }
+    std::array<uint64_t, (Builder::kMaxPositions + 63) / 64> anyOne{};
+    for (size_t i = 0; i < positions; ++i) {
+        switch (b.kinds[i]) {
+            case kAnyOne: set(anyOne.data(), i); break;
+            case kAnyRun: set(anyRun, i); set(empty, i); break;
+            case kAnyLevels: set(anyLevels, i); set(empty, i); break;
             default: break;
         }
     }
-    std::sort(distinct.begin(), distinct.end());
-    distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
-    m_rows.assign((distinct.size() + 1) * m_words, 0);
-    size_t others = 0;
-    for (char16_t unit : distinct) others += unit >= 128 ? 1 : 0;
-    size_t slots = 1;
-    while (slots < others * 2) slots *= 2;
-    if (others > 0) {
-        m_otherKeys.assign(slots, 0);
-        m_otherRows.assign(slots, 0);
-    }
-    for (size_t r = 0; r < distinct.size(); ++r) {
+
+    // distinct is sorted, so ASCII units take rows 1..128 and fit a byte.
+    auto* const asciiRow = reinterpret_cast<uint8_t*>(block.data());
+    for (size_t r = 0; r < count; ++r) {
         const char16_t unit = distinct[r];
-        const auto row = static_cast<uint16_t>(r + 1);
+        const size_t row = r + 1;
         if (unit < 128) {
-            m_asciiRow[unit] = row;
+            asciiRow[unit] = static_cast<uint8_t>(row);
         } else {
             size_t slot = OtherSlot(unit, slots - 1);
-            while (m_otherRows[slot] != 0) slot = (slot + 1) & (slots - 1);
-            m_otherKeys[slot] = unit;
-            m_otherRows[slot] = row;
+            while (((block[kAsciiWords + slot / 2] >> (32 * (slot % 2))) >> 16 & 0xFFFF) != 0) {
+                slot = (slot + 1) & (slots - 1);
+            }
+            block[kAsciiWords + slot / 2] |= (uint64_t{unit} | uint64_t{row} << 16) << (32 * (slot % 2));
         }
     }
-    for (size_t i = 0; i < m_positions; ++i) {
-        if (m_kinds[i] != kLiteral) continue;
-        const uint64_t* row = Row(m_units[i]);
-        const size_t r = static_cast<size_t>(row - m_rows.data()) / m_words;
-        m_rows[r * m_words + i / 64] |= uint64_t{1} << (i % 64);
+    for (size_t i = 0; i < positions; ++i) {
+        if (b.kinds[i] != kLiteral) continue;
+        const uint64_t* row = compiled.Row(b.units[i]);
+        const size_t r = static_cast<size_t>(row - rows) / words;
+        rows[r * words + i / 64] |= uint64_t{1} << (i % 64);
     }
-    for (size_t r = 0; r <= distinct.size(); ++r) {
+    for (size_t r = 0; r <= count; ++r) {
         if (r > 0 && IsSeparator(distinct[r - 1])) continue;
-        for (size_t w = 0; w < m_words; ++w) m_rows[r * m_words + w] |= m_anyOne[w];
+        for (size_t w = 0; w < words; ++w) rows[r * words + w] |= anyOne[w];
     }
-    m_kinds.clear();
-    m_kinds.shrink_to_fit();
-    m_units.clear();
-    m_units.shrink_to_fit();
-    m_starts.clear();
-    m_accepts.clear();
+    return compiled;
 }
 
 const uint64_t* WildcardPattern::Row(char16_t unit) const {
-    if (unit < 128) return m_rows.data() + m_asciiRow[unit] * m_words;
-    if (m_otherRows.empty()) return m_rows.data();
-    const size_t mask = m_otherRows.size() - 1;
+    const uint64_t* const rows = m_block.data() + m_rowsAt;
+    if (unit < 128) return rows + reinterpret_cast<const uint8_t*>(m_block.data())[unit] * size_t{m_words};
+    if (m_otherSlots == 0) return rows;
+    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const size_t mask = m_otherSlots - 1;
     for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
-        if (m_otherRows[slot] == 0) return m_rows.data();
-        if (m_otherKeys[slot] == unit) return m_rows.data() + m_otherRows[slot] * m_words;
+        const uint64_t entry = m_block[kAsciiWords + slot / 2] >> (32 * (slot % 2));
+        const size_t row = (entry >> 16) & 0xFFFF;
+        if (row == 0) return rows;
+        if (static_cast<char16_t>(entry) == unit) return rows + row * m_words;
     }
 }
 
 bool WildcardPattern::Match(std::u16string_view text) const {
-    for (const std::u16string& exact : m_exact) {
-        if (exact == text) return true;
+    const std::u16string_view exact(m_exact);
+    for (size_t i = 0; i < exact.size();) {
+        const size_t length = exact[i];
+        if (exact.substr(i + 1, length) == text) return true;
+        i += 1 + length;
     }
     if (m_words == 0) return false;
     const auto row = [this](char16_t unit) { return Row(unit); };
-    const uint64_t* masks[] = {m_start.data(), m_accept.data(), m_anyRun.data(), m_anyLevels.data(),
-                               m_empty.data()};
+    const uint64_t* const start = m_block.data() + m_rowsAt - 5 * size_t{m_words};
+    const uint64_t* masks[] = {start, start + m_words, start + 2 * m_words, start + 3 * m_words,
+                               start + 4 * m_words};
     switch (m_words) {
 #define ZORV_WILDCARD_WORDS(W) \
     case W: return Run<W>(text, W, masks[0], masks[1], masks[2], masks[3], masks[4], row);

@@ -49,34 +49,28 @@ public:
     bool Empty() const { return m_exact.empty() && m_words == 0; }
 
 private:
-    void Add(std::u16string_view pattern);
-    void Finish();
+    struct Builder;
     const uint64_t* Row(char16_t unit) const;
+    static WildcardPattern Build(Builder& builder);
 
     // Patterns without wildcards, and the raw text of every pattern: equality
-    // with either is a match before any rewriting.
-    std::vector<std::u16string> m_exact;
-    // Bit i of each mask (words of 64 bits, m_words per mask) describes the
-    // automaton's position i. Positions are the elements of every pattern in
-    // turn, each pattern followed by its accepting position.
-    size_t m_words = 0;
-    size_t m_positions = 0;
-    std::vector<uint64_t> m_start;     // the first position of each pattern
-    std::vector<uint64_t> m_accept;    // the last position of each pattern
-    std::vector<uint64_t> m_anyOne;    // '?'
-    std::vector<uint64_t> m_anyRun;    // '*'
-    std::vector<uint64_t> m_anyLevels; // "**\": at a level boundary
-    std::vector<uint64_t> m_empty;     // elements that may match nothing: '*' and "**\"
-    // Literal positions per unit: row 0 is all zero, ASCII units index their
-    // row directly, other units are found in a small open-addressed table.
-    std::vector<uint64_t> m_rows;
-    uint16_t m_asciiRow[128] = {};
-    std::vector<char16_t> m_otherKeys;
-    std::vector<uint16_t> m_otherRows;  // 0 marks a free slot
-    // Building state.
-    std::vector<uint8_t> m_kinds;
-    std::vector<char16_t> m_units;
-    std::vector<size_t> m_starts, m_accepts;
+    // with either is a match before any rewriting. Each text is preceded by
+    // its length in one unit, so a list of short names fits the string's own
+    // buffer and a plain list needs nothing else.
+    std::u16string m_exact;
+    // The automaton, only for lists with a wildcard, in one block of words so
+    // that rule sets of many thousand lists stay cheap to build and small:
+    //   - a 128-byte row index for ASCII units,
+    //   - an open-addressed table of other units, two 32-bit slots a word
+    //     (unit in the low half, row in the high half; row 0 marks a free slot),
+    //   - the masks start, accept, anyRun, anyLevels, empty, m_words each,
+    //   - the literal rows, m_words each; row 0 is all zero.
+    // Bit i of each mask describes the automaton's position i. Positions are
+    // the elements of every pattern in turn, each followed by its accepting one.
+    std::vector<uint64_t> m_block;
+    uint16_t m_words = 0;
+    uint16_t m_otherSlots = 0;
+    uint16_t m_rowsAt = 0;
 };
 
 }  // namespace zorv
