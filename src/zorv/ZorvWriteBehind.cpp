@@ -3,6 +3,7 @@
 #include <system_error>
 
 #include "ZorvLogger.h"
+#include "platform/Platform.h"
 
 namespace zorv {
 
@@ -78,6 +79,10 @@ void ZorvWriteBehind::Drain() {
 
 void ZorvWriteBehind::Stop() {
     std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+    if (platform::OtherThreadsEnded()) {
+        Abandon();
+        return;
+    }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_running) return;
@@ -85,6 +90,23 @@ void ZorvWriteBehind::Stop() {
         m_wake.notify_one();
     }
     if (m_worker.joinable()) m_worker.join();
+}
+
+void ZorvWriteBehind::Abandon() {
+    // The worker was ended by the system, possibly inside a wait or holding
+    // the mutex: waking or joining it could hang the host's exit for ever.
+    // Forget the thread; what it left queued is stored here, if the mutex is
+    // free to look.
+    std::deque<Task> left;
+    if (m_mutex.try_lock()) {
+        left.swap(m_tasks);
+        m_running = false;
+        m_busy = false;
+        m_stopping = true;
+        m_mutex.unlock();
+    }
+    if (m_worker.joinable()) m_worker.detach();
+    for (const Task& task : left) Run(task);
 }
 
 void ZorvWriteBehind::Work() {

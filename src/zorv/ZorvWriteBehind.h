@@ -41,6 +41,8 @@ public:
 
 private:
     void Work();
+    // Stop at process exit, once the system has ended the worker.
+    void Abandon();
 
     std::mutex m_mutex;               // guards the four members below
     std::condition_variable m_wake;   // a task arrived, or Stop

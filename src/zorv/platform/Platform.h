@@ -130,6 +130,12 @@ bool LocalTime(int64_t secondsSince1970, std::tm& out);
 // The system clock in milliseconds since 1970-01-01 UTC (100-ns ticks / 10000).
 uint64_t NowMilliseconds();
 
+// True while the process is exiting and the library's static objects are
+// being destroyed after every other thread was ended (Windows ends them
+// before a library's teardown; POSIX threads live on through exit, so there
+// it is always false).
+bool OtherThreadsEnded();
+
 // What the runtime library's file status call reports (_wstat64 on Windows,
 // stat on POSIX). Times are seconds since 1970-01-01 UTC.
 struct FileStatus {

@@ -273,6 +273,8 @@ bool LocalTime(int64_t secondsSince1970, std::tm& out) {
     return ::localtime_r(&t, &out) != nullptr;
 }
 
+bool OtherThreadsEnded() { return false; }
+
 uint64_t NowMilliseconds() {
     struct timespec ts {};
     ::clock_gettime(CLOCK_REALTIME, &ts);

@@ -306,6 +306,15 @@ bool LocalTime(int64_t secondsSince1970, std::tm& out) {
     return ::_localtime64_s(&out, &t) == 0;
 }
 
+bool OtherThreadsEnded() {
+    // ntdll tells whether the loader is tearing the process down; by then
+    // ExitProcess has ended every other thread, whatever locks they held.
+    using ShutdownInProgress = BOOLEAN(NTAPI*)();
+    static const auto inProgress = reinterpret_cast<ShutdownInProgress>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+    return inProgress != nullptr && inProgress() != 0;
+}
+
 uint64_t NowMilliseconds() {
     FILETIME now{};
     ::GetSystemTimeAsFileTime(&now);
