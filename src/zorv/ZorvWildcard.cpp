@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstring>
 
 namespace zorv {
 
@@ -23,32 +25,31 @@ enum Flag : uint8_t {
 size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
 
 // The automaton over W words (0: as many as `words` says). D holds the
-// positions reached. Z the "**\" positions reached at any time so far: from
-// such a position any run of units ending in a separator leads back to it,
-// so every separator brings all of Z back, however much text lies between.
-// A '*' is a loop on its position rather than a position of its own, so no
-// closure over runs of optional elements is needed: only a '*' directly
-// before "**\" keeps a second position, always reached with the first (Eps).
+// positions reached, E every position reached at any time so far. From a
+// "**\" position any run of units ending in a separator leads back to it, so
+// every separator brings back the "**\" positions of E, however much text lies
+// between. A '*' is a loop on its position rather than a position of its own,
+// so no closure over runs of optional elements is needed: only a '*' directly
+// before "**\" keeps a second position, always reached with the first (eps).
 template <size_t W, bool kWithLevels, bool kWithEps>
 bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
          const uint64_t* levels, const uint64_t* eps, const auto& row) {
     const size_t n = W == 0 ? words : W;
     // A list that fits has at most kMaxPatternUnits + 1 positions.
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
-    std::array<uint64_t, kCap> d{}, z{};
+    std::array<uint64_t, kCap> d{}, e{};
 
-    const auto follow = [&] {
+    // Eps targets are never eps sources, so one pass carries every bit.
+    uint64_t epsCarry = 0;
+    const auto follow = [&](uint64_t next, size_t w) {
         if constexpr (kWithEps) {
-            uint64_t carry = 0;
-            for (size_t w = 0; w < n; ++w) {
-                const uint64_t from = d[w] & eps[w];
-                d[w] |= (from << 1) | carry;
-                carry = from >> 63;
-            }
+            const uint64_t from = next & eps[w];
+            next |= (from << 1) | epsCarry;
+            epsCarry = from >> 63;
         }
+        return next;
     };
-    for (size_t w = 0; w < n; ++w) d[w] = start[w];
-    follow();
+    for (size_t w = 0; w < n; ++w) d[w] = follow(start[w], w);
     const size_t size = text.size();
     for (size_t i = 0; i < size; ++i) {
         const char16_t unit = text[i];
@@ -57,44 +58,47 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
         const uint64_t* moves = row(unit);
         uint64_t carry = 0;
         uint64_t alive = 0;
+        epsCarry = 0;
         if (IsSeparator(unit)) {
+#pragma GCC unroll 8
             for (size_t w = 0; w < n; ++w) {
                 const uint64_t moving = d[w] & moves[w];
                 uint64_t next = (moving << 1) | carry;
                 carry = moving >> 63;
                 if constexpr (kWithLevels) {
-                    z[w] |= d[w] & levels[w];
-                    next |= z[w];
+                    e[w] |= d[w];
+                    next |= e[w] & levels[w];
                 }
+                next = follow(next, w);
                 d[w] = next;
                 alive |= next;
             }
         } else {
+#pragma GCC unroll 8
             for (size_t w = 0; w < n; ++w) {
                 const uint64_t moving = d[w] & moves[w];
-                const uint64_t next = (moving << 1) | carry | (d[w] & loop[w]);
+                uint64_t next = (moving << 1) | carry | (d[w] & loop[w]);
                 carry = moving >> 63;
-                if constexpr (kWithLevels) z[w] |= d[w] & levels[w];
+                if constexpr (kWithLevels) e[w] |= d[w];
+                next = follow(next, w);
                 d[w] = next;
                 alive |= next;
             }
         }
         if (alive == 0) {
-            // Nothing is reached until a separator brings Z back, if ever.
+            // Nothing is reached until a separator brings a "**\" back, if ever.
             if constexpr (!kWithLevels) {
                 return false;
             } else {
                 uint64_t waiting = 0;
-                for (size_t w = 0; w < n; ++w) waiting |= z[w];
+                for (size_t w = 0; w < n; ++w) waiting |= e[w] & levels[w];
                 if (waiting == 0) return false;
                 size_t j = i + 1;
                 while (j < size && !IsSeparator(text[j])) ++j;
                 if (j == size) return false;
                 i = j - 1;
-                continue;
             }
         }
-        follow();
     }
     for (size_t w = 0; w < n; ++w) {
         if ((d[w] & accept[w]) != 0) return true;
@@ -272,10 +276,14 @@ const uint64_t* WildcardPattern::Row(char16_t unit) const {
     if (unit < 128) return rows + reinterpret_cast<const uint8_t*>(m_block.data())[unit] * size_t{m_words};
     if (m_otherSlots == 0) return rows;
     constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const auto* const table = reinterpret_cast<const unsigned char*>(m_block.data() + kAsciiWords);
     const size_t mask = m_otherSlots - 1;
     for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
-        const uint64_t entry = m_block[kAsciiWords + slot / 2] >> (32 * (slot % 2));
-        const size_t row = (entry >> 16) & 0xFFFF;
+        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
+        // host, simply the s-th 32-bit value of the table.
+        uint32_t entry;
+        std::memcpy(&entry, table + 4 * slot, sizeof entry);
+        const size_t row = entry >> 16;
         if (row == 0) return rows;
         if (static_cast<char16_t>(entry) == unit) return rows + row * m_words;
     }
@@ -289,6 +297,7 @@ bool WildcardPattern::Match(std::u16string_view text) const {
         i += 1 + length;
     }
     if (m_words == 0) return false;
+    static_assert(std::endian::native == std::endian::little, "slots are read as 32-bit values");
     const auto row = [this](char16_t unit) { return Row(unit); };
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
     const size_t w = m_words;
