@@ -281,6 +281,7 @@ const uint64_t* WildcardPattern::Row(char16_t unit) const {
     for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
         // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
         // host, simply the s-th 32-bit value of the table.
+        static_assert(std::endian::native == std::endian::little);
         uint32_t entry;
         std::memcpy(&entry, table + 4 * slot, sizeof entry);
         const size_t row = entry >> 16;
@@ -297,7 +298,6 @@ bool WildcardPattern::Match(std::u16string_view text) const {
         i += 1 + length;
     }
     if (m_words == 0) return false;
-    static_assert(std::endian::native == std::endian::little, "slots are read as 32-bit values");
     const auto row = [this](char16_t unit) { return Row(unit); };
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
     const size_t w = m_words;
