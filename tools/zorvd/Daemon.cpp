@@ -767,10 +767,10 @@ void Daemon::HandleWrite(int fd, pid_t pid) {
     }
 }
 
-void Daemon::WaitForPendingWrite(const FileId& id, int64_t deadlineNs) {
+bool Daemon::WaitForPendingWrite(const FileId& id, int64_t deadlineNs) {
     std::unique_lock<std::mutex> hold(m_pendingMutex);
     const auto until = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadlineNs));
-    m_pendingDone.wait_until(hold, until, [&] { return m_stopping || m_pendingWrites.count(id) == 0; });
+    return m_pendingDone.wait_until(hold, until, [&] { return m_stopping || m_pendingWrites.count(id) == 0; });
 }
 
 void Daemon::FinishPendingWrite(const FileId& id) {
@@ -808,8 +808,13 @@ void Daemon::Decide(Job& job) {
     PermissionEvent& event = *job.event;
     if (event.answered) return;  // the watchdog got there first
     // An exec right after a write waits for that write's judgement, so a file
-    // a trusted updater has just written is known when it starts.
-    WaitForPendingWrite(job.id, event.deadlineNs - static_cast<int64_t>(m_deadlineMs.load()) * 250000);
+    // a trusted updater has just written is known when it starts. Judged
+    // before that, the new content would be unknown and refused; a judgement
+    // still missing at the deadline gets the deadline's answer instead.
+    if (!WaitForPendingWrite(job.id, event.deadlineNs)) {
+        AnswerAtDeadline(event);
+        return;
+    }
     struct stat status {};
     Digests digests{};
     if (fstat(event.fd, &status) != 0 || !DigestsOf(event.fd, job.id, status, digests)) {
@@ -900,6 +905,11 @@ void Daemon::JudgeWrite(Job& job) {
     texts.Attach(record);
     AppCtlResult result{};
     app_ctl(nullptr, &record, &result);
+    // The engine learns an item beside its decision, on a writer thread of
+    // its own; an exec waiting for this judgement must find the item stored.
+    if (result.isAuthorized == AC_REASON_TRUSTED || result.isAuthorized == AC_REASON_MAINTENANCE ||
+        result.isAuthorized == AC_REASON_APPROVED)
+        flush_db_buffer();
 }
 
 void Daemon::NotifyLoop() {
@@ -991,6 +1001,14 @@ void Daemon::NotifyLoop() {
     }
 }
 
+void Daemon::AnswerAtDeadline(PermissionEvent& event) {
+    if (!Respond(event, m_config.onDeadline == Answer::Allow, m_config.onDeadline == Answer::Deny)) return;
+    const uint64_t count = m_counters.deadline.fetch_add(1) + 1;
+    Log(Level::Warning, "no decision for pid %d within %u ms: answered %s (deadline answers: %llu)", event.pid,
+        m_deadlineMs.load(), m_config.onDeadline == Answer::Allow ? "allow" : "deny",
+        static_cast<unsigned long long>(count));
+}
+
 void Daemon::WatchdogLoop() {
     while (!m_stopping) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -1004,14 +1022,7 @@ void Daemon::WatchdogLoop() {
                 it = m_inflight.erase(it);
             }
         }
-        for (const auto& event : late) {
-            if (Respond(*event, m_config.onDeadline == Answer::Allow, m_config.onDeadline == Answer::Deny)) {
-                const uint64_t count = m_counters.deadline.fetch_add(1) + 1;
-                Log(Level::Warning, "no decision for pid %d within %u ms: answered %s (deadline answers: %llu)",
-                    event->pid, m_deadlineMs.load(), m_config.onDeadline == Answer::Allow ? "allow" : "deny",
-                    static_cast<unsigned long long>(count));
-            }
-        }
+        for (const auto& event : late) AnswerAtDeadline(*event);
         if (m_maintenanceUntilNs != 0 && now >= m_maintenanceUntilNs) {
             std::lock_guard<std::mutex> hold(m_policyMutex);
             m_maintenanceUntilNs = 0;

@@ -163,10 +163,12 @@ private:
     void Decide(Job& job);
     void JudgeWrite(Job& job);
     bool Respond(PermissionEvent& event, bool allow, bool audit);
+    void AnswerAtDeadline(PermissionEvent& event);
     void AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id);
     FileKind Classify(int fd, const struct stat& status);
     bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out);
-    void WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
+    // False when the write is still unjudged at the deadline.
+    bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
     void FinishPendingWrite(const FileId& id);
     std::string ProgramOf(pid_t pid);
     bool IsIgnored(const std::string& path) const;
