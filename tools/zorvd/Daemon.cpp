@@ -480,14 +480,18 @@ bool Daemon::SetupFanotify() {
         bool seen = false;
         for (const Watched& watched : m_watched) seen = seen || watched.dev == status.st_dev;
         if (seen) continue;
-        if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD, path.c_str()) != 0) {
-            Log(Level::Error, "cannot watch %s: %s", path.c_str(), std::strerror(errno));
-            return false;
-        }
         Watched watched;
         watched.path = path;
         watched.dev = status.st_dev;
-        watched.fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        // Resolves the directory handles of deletes and renames: an O_PATH
+        // descriptor is refused there. Opened before the mark, which nobody
+        // answers yet.
+        watched.fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD, path.c_str()) != 0) {
+            Log(Level::Error, "cannot watch %s: %s", path.c_str(), std::strerror(errno));
+            if (watched.fd >= 0) close(watched.fd);
+            return false;
+        }
         struct statfs filesystem {};
         if (statfs(path.c_str(), &filesystem) == 0) std::memcpy(&watched.fsid, &filesystem.f_fsid, sizeof watched.fsid);
         m_watched.push_back(watched);
