@@ -579,7 +579,9 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
     {
         std::lock_guard<std::mutex> hold(m_kindMutex);
         const auto found = m_kinds.find(id);
-        if (found != m_kinds.end() && found->second.ctimeNs == ctime) return found->second.kind;
+        if (found != m_kinds.end() && found->second.ctimeNs == ctime && found->second.mtimeNs == TimeNs(status.st_mtim) &&
+            found->second.size == status.st_size)
+            return found->second.kind;
     }
     unsigned char head[18] = {};
     ssize_t got;
@@ -598,7 +600,7 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
     }
     std::lock_guard<std::mutex> hold(m_kindMutex);
     if (m_kinds.size() >= 4 * static_cast<size_t>(m_config.digestCacheEntries)) m_kinds.clear();
-    m_kinds[id] = KindEntry{ctime, kind};
+    m_kinds[id] = KindEntry{ctime, TimeNs(status.st_mtim), status.st_size, kind};
     return kind;
 }
 

@@ -210,8 +210,12 @@ private:
     std::unordered_map<FileId, int, FileIdHash> m_pendingWrites;
 
     std::mutex m_kindMutex;
+    // Keyed by size and both times as well: where times are coarse, a file
+    // created empty and written at once keeps its change time.
     struct KindEntry {
         int64_t ctimeNs;
+        int64_t mtimeNs;
+        off_t size;
         FileKind kind;
     };
     std::unordered_map<FileId, KindEntry, FileIdHash> m_kinds;
