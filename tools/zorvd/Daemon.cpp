@@ -69,6 +69,9 @@ int64_t NowNs() {
 namespace {
 
 constexpr uint64_t kPermissionMask = FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM | FAN_ACCESS_PERM;
+// The programs of recent processes, for the close-writes of those already gone.
+constexpr size_t kProgramEntries = 16384;
+constexpr int64_t kProgramKeptNs = 10'000'000'000LL;
 
 int64_t TimeNs(const struct timespec& time) { return time.tv_sec * 1000000000LL + time.tv_nsec; }
 
@@ -612,12 +615,18 @@ std::string Daemon::ProgramOf(pid_t pid) {
     const int64_t now = NowNs();
     std::lock_guard<std::mutex> hold(m_programMutex);
     if (!program.empty()) {
-        if (m_programs.size() >= 16384) m_programs.clear();
+        // Room is made by forgetting what was seen a while ago, never all at
+        // once: a writer that has just exited must still be found.
+        if (m_programs.size() >= kProgramEntries) {
+            for (auto it = m_programs.begin(); it != m_programs.end();)
+                it = now - it->second.seenNs > kProgramKeptNs ? m_programs.erase(it) : std::next(it);
+            if (m_programs.size() >= kProgramEntries) m_programs.clear();
+        }
         m_programs[pid] = ProgramEntry{program, now};
         return program;
     }
     const auto found = m_programs.find(pid);
-    if (found != m_programs.end() && now - found->second.seenNs < 30'000'000'000LL) return found->second.program;
+    if (found != m_programs.end() && now - found->second.seenNs < kProgramKeptNs) return found->second.program;
     return {};
 }
 
