@@ -602,7 +602,7 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
         kind = FileKind::Script;
     }
     std::lock_guard<std::mutex> hold(m_kindMutex);
-    if (m_kinds.size() >= 4 * static_cast<size_t>(m_config.digestCacheEntries)) m_kinds.clear();
+    if (m_kinds.size() >= static_cast<size_t>(m_config.digestCacheEntries)) m_kinds.clear();
     m_kinds[id] = KindEntry{ctime, TimeNs(status.st_mtim), status.st_size, kind};
     return kind;
 }
