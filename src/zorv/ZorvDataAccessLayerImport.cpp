@@ -144,10 +144,11 @@ int32_t IntegerOf(const cJSON* object, const char* key) {
 
 void SetText(const cJSON* object, const char* key, std::u16string& out) {
     const char* text = StringOf(object, key);
+    // Converted into the record's own storage, reused from row to row.
     if (text == nullptr) {
         out.clear();
     } else {
-        out = Utf8ToUtf16(text);
+        Utf8ToUtf16(text, out);
     }
 }
 
@@ -547,10 +548,9 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
     }
     // Hit counts are keyed by rule id, and the swap gave every rule its row
     // anew: start each one from zero.
-    stats.ClearTrustRuleHitCounts();
     std::vector<int32_t> ids;
     GetTrustRuleIDs(ids);
-    for (const int32_t id : ids) stats.SetTrustRuleHitCount(id, 0);
+    stats.ResetTrustRuleHitCounts(ids);
     // Once more now that the flags and counts the lookups read match the new
     // rules too: a decision that began between the commit and here may have
     // read them as they were.
@@ -624,10 +624,10 @@ bool ZorvDAL::ReadRulesetRows(sqlite3* db, RulesetKind kind, std::string_view te
         const cJSON* users = cJSON_GetObjectItemCaseSensitive(list, "users");
         if (id == nullptr || !cJSON_IsArray(users)) return true;
         // List ids and user names keep their case, unlike a rule's reference.
-        entry.id = Utf8ToUtf16(id);
+        Utf8ToUtf16(id, entry.id);
         for (const cJSON* user = users->child; user != nullptr; user = user->next) {
             if (!cJSON_IsString(user) || user->valuestring == nullptr) continue;
-            entry.user = Utf8ToUtf16(user->valuestring);
+            Utf8ToUtf16(user->valuestring, entry.user);
             if (ImportRowFailed(db, StoreUserListInternal(entry, true), error)) return false;
         }
         return true;
