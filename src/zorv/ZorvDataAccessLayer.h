@@ -177,8 +177,9 @@ public:
 
     // ---- Import and export (ZorvDataAccessLayerImport.cpp) ----
 
-    // The largest ruleset file an import reads (1 GiB): the whole document is
-    // held in memory while it is parsed.
+    // The largest ruleset file an import reads (1 GiB): the file's text is held
+    // in memory while its rows are stored (the parsed tree is not: see
+    // RulesetReader), so an import takes about twice the file at its peak.
     static constexpr uint64_t kMaxRulesetBytes = uint64_t{1} << 30;
     // Only a regular file is read, never through a link in its last
     // component, and never a FIFO or device; larger than the limit is refused.
