@@ -22,6 +22,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "AppControlConfig.h"
@@ -387,6 +388,19 @@ void WriteRows(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc, const
 
 // ---- Ruleset import -------------------------------------------------------
 
+namespace {
+
+// A thread that is joined however the scope is left: a std::thread destroyed
+// while joinable would end the host process.
+struct JoinedThread {
+    std::thread thread;
+    ~JoinedThread() {
+        if (thread.joinable()) thread.join();
+    }
+};
+
+}  // namespace
+
 bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const std::u16string& name) {
     constexpr const char16_t* kFn = u"ZorvDAL::ImportRuleset";
     platform::FileStatus status;
@@ -524,7 +538,20 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
 
     // Committed: the new rules are in force whatever follows. A checkpoint
     // that fails leaves them in the write-ahead log, where every reader and
-    // the next open find them.
+    // the next open find them. The in-memory trust rules are read meanwhile
+    // on a read connection, which sees the commit: the checkpoint waits on
+    // the disk, the reload on the processor, and the import returns only
+    // once both are done.
+    const ZorvReadConnections::Lease reader =
+        kind != RulesetKind::ItemRuleset ? m_readers.Acquire() : ZorvReadConnections::Lease{};
+    JoinedThread reloader;
+    if (reader) {
+        try {
+            reloader.thread = std::thread([this, &reader] { m_trustRuleSet.Load((*reader).db.get()); });
+        } catch (const std::exception&) {
+            // No thread to be had: the reload runs below, after the checkpoint.
+        }
+    }
     if (sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_FULL, nullptr, nullptr) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kImportFn, u"Failed to checkpoint database: %s", sqlite3_errmsg(db));
     }
@@ -539,7 +566,11 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
         stats.ClearCounters(CounterCategory::Rulesets, prefix);
     }
     stats.SetCounter(CounterCategory::Rulesets, name, rowCount);
-    if (kind != RulesetKind::ItemRuleset) ReloadTrustRulesInternal();
+    if (reloader.thread.joinable()) {
+        reloader.thread.join();
+    } else if (kind != RulesetKind::ItemRuleset) {
+        ReloadTrustRulesInternal();
+    }
     // Only item rows carry MD5 and SHA-1 rules, and a trust ruleset leaves
     // InventoryItems as it was: recounting would scan it for nothing.
     if (kind != RulesetKind::TrustRuleset) {
