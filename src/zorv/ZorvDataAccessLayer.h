@@ -177,8 +177,9 @@ public:
 
     // ---- Import and export (ZorvDataAccessLayerImport.cpp) ----
 
-    // The largest ruleset file an import reads (1 GiB): the whole document is
-    // held in memory while it is parsed.
+    // The largest ruleset file an import reads (1 GiB): the file's text is held
+    // in memory while its rows are stored (the parsed tree is not: see
+    // RulesetReader), so an import takes about twice the file at its peak.
     static constexpr uint64_t kMaxRulesetBytes = uint64_t{1} << 30;
     // Only a regular file is read, never through a link in its last
     // component, and never a FIFO or device; larger than the limit is refused.
@@ -255,13 +256,21 @@ private:
     uint64_t AppendBuffered(std::deque<Record>& buffer, const Record& record, const char16_t* function, Flush flush);
 
     // ZorvDataAccessLayerImport.cpp
-    bool ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const std::u16string& name);
+    // `text` must be followed by a NUL byte; `ownedText`, when given, holds it
+    // and is emptied once the rows are read.
+    bool ImportRulesetText(uint8_t append, std::string_view text, std::string* ownedText, const std::u16string& name);
+    bool ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_view text, std::string* ownedText,
+                             const std::u16string& name, bool& isObject);
     bool PrepareImportStatement(sqlite3* db, Statement& stmt, const char* sql, const char16_t* sqlName);
-    bool ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                          const std::u16string& name, uint64_t& rowCount, std::string& error);
-    bool ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                         const std::u16string& name, std::vector<std::string>& itemMetadata, uint64_t& rowCount,
+    bool BeginTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const std::u16string& name,
+                         std::vector<std::string>& trustMetadata, std::vector<std::string>& userListMetadata,
                          std::string& error);
+    bool BeginItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, std::vector<std::string>& itemMetadata,
+                        std::string& error);
+    // Stores the rows of the document as it is read; false when it is not
+    // one JSON object (logged) or a row could not be stored.
+    bool ReadRulesetRows(sqlite3* db, RulesetKind kind, std::string_view text, const std::u16string& name,
+                         uint64_t& rowCount, std::string& error, bool& isObject);
     bool ImportRowFailed(sqlite3* db, uint64_t rowId, std::string& error) const;
     void GetItemSourceInventory(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc,
                                 const std::u16string& payloadPath, const std::u16string& scanUuid);

@@ -22,12 +22,14 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "AppControlConfig.h"
 #include "ZorvDataAccessLayer.h"
 #include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
+#include "ZorvRulesetReader.h"
 #include "ZorvStats.h"
 #include "ZorvText.h"
 #include "ZorvWildcard.h"
@@ -143,10 +145,11 @@ int32_t IntegerOf(const cJSON* object, const char* key) {
 
 void SetText(const cJSON* object, const char* key, std::u16string& out) {
     const char* text = StringOf(object, key);
+    // Converted into the record's own storage, reused from row to row.
     if (text == nullptr) {
         out.clear();
     } else {
-        out = Utf8ToUtf16(text);
+        Utf8ToUtf16(text, out);
     }
 }
 
@@ -174,43 +177,14 @@ uint32_t AuthorizedStateOf(const cJSON* object) {
     return 0;
 }
 
-// The children of a top-level key whatever its JSON type: an object's members
-// are walked like an array's elements, a scalar has none.
-const cJSON* FirstChild(const cJSON* document, const char* key) {
-    const cJSON* value = cJSON_GetObjectItemCaseSensitive(document, key);
-    return value != nullptr ? value->child : nullptr;
-}
-
 // Where the parser stopped. It points into the document, which may be a
 // hundred megabytes long; the logger keeps no more than one message's worth,
 // so no more is converted.
-std::string_view ParseErrorText() {
-    const char* where = cJSON_GetErrorPtr();
+std::string_view ParseErrorText(const char* where) {
     if (where == nullptr) return {};
     size_t length = 0;
     while (length < ZorvLogger::kMessageUnits && where[length] != '\0') ++length;
     return std::string_view(where, length);
-}
-
-// Parses a ruleset; null (and logged) when it does not parse or is not an
-// object. Inside the object every value is taken as it comes. Text after the
-// object is refused too: cJSON_Parse would stop at the closing brace and call
-// "{...} and more" a ruleset, so a truncated or doubled document could pass.
-JsonPtr ParseRuleset(const char* text) {
-    JsonPtr document(cJSON_ParseWithOpts(text, nullptr, /*require_null_terminated=*/1));
-    if (!document) {
-        ZORV_LOG(kLogError, kImportFn, u"Ruleset parse error");
-        const std::string_view where = ParseErrorText();
-        if (!where.empty()) ZORV_LOG(kLogError, kImportFn, u"%s", std::string(where));
-        return nullptr;
-    }
-    // An array, string or number parses, but holds none of the keys; imported,
-    // it would read as an empty ruleset and a replace would wipe the old one.
-    if (!cJSON_IsObject(document.get())) {
-        ZORV_LOG(kLogError, kImportFn, u"Ruleset is not a JSON object");
-        return nullptr;
-    }
-    return document;
 }
 
 // The payload is written in blocks rather than a system call per line; a
@@ -414,6 +388,19 @@ void WriteRows(platform::FileWriter& payload, sqlite3_stmt* stmt, int& rc, const
 
 // ---- Ruleset import -------------------------------------------------------
 
+namespace {
+
+// A thread that is joined however the scope is left: a std::thread destroyed
+// while joinable would end the host process.
+struct JoinedThread {
+    std::thread thread;
+    ~JoinedThread() {
+        if (thread.joinable()) thread.join();
+    }
+};
+
+}  // namespace
+
 bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const std::u16string& name) {
     constexpr const char16_t* kFn = u"ZorvDAL::ImportRuleset";
     platform::FileStatus status;
@@ -435,7 +422,9 @@ bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const st
                  kMaxRulesetBytes);
         return false;
     }
-    // std::string keeps a NUL after its last byte, where the parser stops.
+    // The text is read whole rather than mapped: a file cut short while
+    // mapped would kill the host with SIGBUS. std::string keeps a NUL after
+    // its last byte, which the reader needs.
     std::string text;
     try {
         text.resize(static_cast<size_t>(size));
@@ -459,35 +448,32 @@ bool ZorvDAL::ImportRuleset(uint8_t append, const std::u16string& path, const st
                  text.size(), reader.Error());
         return false;
     }
-
-    JsonPtr document = ParseRuleset(text.c_str());
-    // From here on the tree is all the import needs; keeping the text of a
-    // large ruleset alive as well would nearly double the peak memory.
-    std::string().swap(text);
-    if (!document) return false;
-    return ImportRulesetDocument(append, document.release(), name);
+    return ImportRulesetText(append, text, &text, name);
 }
 
 bool ZorvDAL::ImportRulesetBuffer(uint8_t append, const std::string& utf8, const std::u16string& name) {
-    JsonPtr document = ParseRuleset(utf8.c_str());
-    if (!document) return false;
-    return ImportRulesetDocument(append, document.release(), name);
+    return ImportRulesetText(append, utf8, nullptr, name);
 }
 
-bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const std::u16string& name) {
-    JsonPtr document(ownedDocument);
+bool ZorvDAL::ImportRulesetText(uint8_t append, std::string_view text, std::string* ownedText,
+                                const std::u16string& name) {
     const std::u16string loweredName = ToLower(name);
     const RulesetKind kind = KindOf(loweredName);
+    bool isObject = false;
+    const bool ok = ImportRulesetLocked(append, kind, text, ownedText, name, isObject);
+    // The agent sent its manifest, whether or not every row made it in; but
+    // not if what it sent was no ruleset at all.
+    if (kind == RulesetKind::AgentManifest && isObject) {
+        const AppControlConfig& config = AppControlConfig::Instance();
+        SetAppControlState(u"agentVersion", config.AgentVersion());
+    }
+    return ok;
+}
+
+bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_view text, std::string* ownedText,
+                                  const std::u16string& name, bool& isObject) {
     AppControlConfig& config = AppControlConfig::Instance();
     ZorvStats& stats = ZorvStats::Instance();
-
-    // These happen before the transaction and stay even if it fails: the
-    // agent sent its manifest, whether or not every row made it in.
-    if (kind == RulesetKind::AgentManifest) {
-        SetAppControlState(u"agentVersion", config.AgentVersion());
-        ZORV_LOG(kLogTrace, kImportFn, u"Manifest applied to version %s", config.AgentVersion());
-        config.SetManifestApplied(true);
-    }
 
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer lock");
     std::lock_guard<std::mutex> lock(m_dbLock);
@@ -503,19 +489,31 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     // Rows the document brought, counted as they are stored; the ruleset
     // counters take the number only once the rows are committed.
     uint64_t rowCount = 0;
+    std::vector<std::string> trustMetadata, userListMetadata, itemMetadata;
+    // The document is read once, inside the transaction, each row stored as
+    // it is parsed: whether the whole text is one JSON object is known only
+    // at its end, and a document that turns out not to be is rolled back.
     bool ok = ExecControl(db, "BEGIN IMMEDIATE TRANSACTION", error) == SQLITE_OK;
     if (!ok) ZORV_LOG(kLogError, kImportFn, u"Unable to begin transaction for ruleset import");
     if (ok && kind != RulesetKind::ItemRuleset) {
-        ok = ImportTrustPhase(db, append, kind, *document, name, rowCount, error);
+        ok = BeginTrustPhase(db, append, kind, name, trustMetadata, userListMetadata, error);
     }
-    if (ok && kind != RulesetKind::TrustRuleset) {
-        std::vector<std::string> itemMetadata;
-        ok = ImportItemPhase(db, append, kind, *document, name, itemMetadata, rowCount, error);
-        // Every row is in the temporary table: the tree is not needed any more,
-        // and the index builds of the swap are the import's hungriest step.
-        document.reset();
-        ok = ok && SwapTempTableToOriginal(db, "InventoryItems", itemMetadata, error);
+    if (ok && kind != RulesetKind::TrustRuleset) ok = BeginItemPhase(db, append, kind, itemMetadata, error);
+    if (ok) {
+        ok = ReadRulesetRows(db, kind, text, name, rowCount, error, isObject);
+        // Every row is in its temporary table: the text is not needed any
+        // more, and the index builds of the swaps are the import's hungriest step.
+        if (ownedText != nullptr) std::string().swap(*ownedText);
     }
+    if (isObject && kind == RulesetKind::AgentManifest) {
+        ZORV_LOG(kLogTrace, kImportFn, u"Manifest applied to version %s", config.AgentVersion());
+        config.SetManifestApplied(true);
+    }
+    if (ok && kind != RulesetKind::ItemRuleset) {
+        ok = SwapTempTableToOriginal(db, "TrustRules", trustMetadata, error) &&
+             SwapTempTableToOriginal(db, "UserList", userListMetadata, error);
+    }
+    if (ok && kind != RulesetKind::TrustRuleset) ok = SwapTempTableToOriginal(db, "InventoryItems", itemMetadata, error);
     if (ok && dal::TransactionLost(db)) {
         ok = false;
         ZORV_LOG(kLogError, kImportFn, u"Unable to end transaction for ruleset import: %s", kTransactionLost);
@@ -540,7 +538,20 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
 
     // Committed: the new rules are in force whatever follows. A checkpoint
     // that fails leaves them in the write-ahead log, where every reader and
-    // the next open find them.
+    // the next open find them. The in-memory trust rules are read meanwhile
+    // on a read connection, which sees the commit: the checkpoint waits on
+    // the disk, the reload on the processor, and the import returns only
+    // once both are done.
+    const ZorvReadConnections::Lease reader =
+        kind != RulesetKind::ItemRuleset ? m_readers.Acquire() : ZorvReadConnections::Lease{};
+    JoinedThread reloader;
+    if (reader) {
+        try {
+            reloader.thread = std::thread([this, &reader] { m_trustRuleSet.Load((*reader).db.get()); });
+        } catch (const std::exception&) {
+            // No thread to be had: the reload runs below, after the checkpoint.
+        }
+    }
     if (sqlite3_wal_checkpoint_v2(db, "main", SQLITE_CHECKPOINT_FULL, nullptr, nullptr) != SQLITE_OK) {
         ZORV_LOG(kLogWarning, kImportFn, u"Failed to checkpoint database: %s", sqlite3_errmsg(db));
     }
@@ -555,7 +566,11 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
         stats.ClearCounters(CounterCategory::Rulesets, prefix);
     }
     stats.SetCounter(CounterCategory::Rulesets, name, rowCount);
-    if (kind != RulesetKind::ItemRuleset) ReloadTrustRulesInternal();
+    if (reloader.thread.joinable()) {
+        reloader.thread.join();
+    } else if (kind != RulesetKind::ItemRuleset) {
+        ReloadTrustRulesInternal();
+    }
     // Only item rows carry MD5 and SHA-1 rules, and a trust ruleset leaves
     // InventoryItems as it was: recounting would scan it for nothing.
     if (kind != RulesetKind::TrustRuleset) {
@@ -564,16 +579,111 @@ bool ZorvDAL::ImportRulesetDocument(uint8_t append, cJSON* ownedDocument, const 
     }
     // Hit counts are keyed by rule id, and the swap gave every rule its row
     // anew: start each one from zero.
-    stats.ClearTrustRuleHitCounts();
     std::vector<int32_t> ids;
     GetTrustRuleIDs(ids);
-    for (const int32_t id : ids) stats.SetTrustRuleHitCount(id, 0);
+    stats.ResetTrustRuleHitCounts(ids);
     // Once more now that the flags and counts the lookups read match the new
     // rules too: a decision that began between the commit and here may have
     // read them as they were.
     NoteRulesCommitted();
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer unlock");
     return true;
+}
+
+bool ZorvDAL::ReadRulesetRows(sqlite3* db, RulesetKind kind, std::string_view text, const std::u16string& name,
+                              uint64_t& rowCount, std::string& error, bool& isObject) {
+    // An agent manifest and an item ruleset bring items; a trust ruleset
+    // brings rules and user lists. Every other key is read only to check it.
+    enum Key : size_t { kRules, kTrustRules, kUserLists };
+    static constexpr const char* kKeys[] = {"rules", "Trustrules", "Userlists"};
+    const bool trustRuleset = kind == RulesetKind::TrustRuleset;
+    if (trustRuleset) {
+        ZORV_LOG(kLogTrace, kImportFn, u"Importing trust ruleset into db: %s", name);
+    } else {
+        ZORV_LOG(kLogTrace, kImportFn, u"Importing item ruleset into db: %s", name);
+    }
+
+    // One record of each kind reused for every element: an EngineEvent is
+    // large, and only the fields below are set by an import.
+    EngineEvent item;
+    item.source = kind == RulesetKind::AgentManifest ? AC_SOURCE_AGENT_RULES : AC_SOURCE_EXECUTION_RULES;
+    item.ruleset = name;
+    TrustRuleRecord rule;
+    rule.ruleset = ToLower(name);
+    UserListRecord entry;
+
+    const auto storeItem = [&](const cJSON* element) {
+        ++rowCount;
+        SetText(element, "fileName", item.fileName);
+        SetHash(element, "sha256", item.fileSha256);
+        SetHash(element, "sha1", item.fileSha1);
+        SetHash(element, "md5", item.fileMd5);
+        item.size = static_cast<uint64_t>(static_cast<int64_t>(IntegerOf(element, "size")));
+        item.isAuthorized = AuthorizedStateOf(element);
+        // An item that cannot be stored is logged there; only a failing store stops the import.
+        return !ImportRowFailed(db, StoreItemInternal(item, true), error);
+    };
+    const auto storeTrustRule = [&](const cJSON* element) {
+        ++rowCount;
+        // A non-object element has no keys: it yields a rule with every field empty.
+        SetText(element, "processName", rule.processName);
+        SetText(element, "paths", rule.paths);
+        rule.trustType = IntegerOf(element, "trustType");
+        SetText(element, "signerName", rule.signerName);
+        SetText(element, "productName", rule.productName);
+        SetText(element, "companyName", rule.companyName);
+        SetHash(element, "sha256", rule.sha256);
+        static constexpr const char* kIssuerKeys[6] = {"issuerCN", "issuerC", "issuerS", "issuerL", "issuerO", "issuerOU"};
+        for (size_t i = 0; i < 6; ++i) SetText(element, kIssuerKeys[i], rule.issuer[i]);
+        SetLoweredText(element, "user", rule.procUser);
+        SetLoweredText(element, "group", rule.procGroup);
+        SetLoweredText(element, "userList", rule.userList);
+        // Matching cost grows with a pattern's length, and every event pays
+        // it for every rule: a longer pattern is refused like any bad row.
+        if (!WildcardPattern::Fits(rule.processName) || !WildcardPattern::Fits(rule.paths)) {
+            const std::u16string& pattern = WildcardPattern::Fits(rule.processName) ? rule.paths : rule.processName;
+            ZORV_LOG(kLogWarning, kImportFn, u"Trust rule skipped: pattern of %u units is longer than %u: %s...",
+                     pattern.size(), WildcardPattern::kMaxPatternUnits,
+                     std::u16string_view(pattern).substr(0, WildcardPattern::kMaxPatternUnits));
+            return true;
+        }
+        // A rule that cannot be stored is logged there; only a failing store stops the import.
+        return !ImportRowFailed(db, StoreTrustRuleInternal(rule, true), error);
+    };
+    const auto storeUserList = [&](const cJSON* list) {
+        const char* id = StringOf(list, "id");
+        const cJSON* users = cJSON_GetObjectItemCaseSensitive(list, "users");
+        if (id == nullptr || !cJSON_IsArray(users)) return true;
+        // List ids and user names keep their case, unlike a rule's reference.
+        Utf8ToUtf16(id, entry.id);
+        for (const cJSON* user = users->child; user != nullptr; user = user->next) {
+            if (!cJSON_IsString(user) || user->valuestring == nullptr) continue;
+            Utf8ToUtf16(user->valuestring, entry.user);
+            if (ImportRowFailed(db, StoreUserListInternal(entry, true), error)) return false;
+        }
+        return true;
+    };
+
+    RulesetReader reader(text, kKeys, 3);
+    const RulesetReader::Outcome outcome = reader.Read([&](size_t key, const cJSON& child) {
+        switch (key) {
+        case kRules: return trustRuleset || storeItem(&child);
+        case kTrustRules: return !trustRuleset || storeTrustRule(&child);
+        default: return !trustRuleset || storeUserList(&child);
+        }
+    });
+    isObject = outcome == RulesetReader::Outcome::Object;
+    if (outcome == RulesetReader::Outcome::Malformed) {
+        ZORV_LOG(kLogError, kImportFn, u"Ruleset parse error");
+        const std::string_view where = ParseErrorText(reader.ErrorPosition());
+        if (!where.empty()) ZORV_LOG(kLogError, kImportFn, u"%s", std::string(where));
+    } else if (outcome == RulesetReader::Outcome::NotObject) {
+        // An array, string or number parses, but holds none of the keys;
+        // imported, it would read as an empty ruleset and a replace would wipe
+        // the old one.
+        ZORV_LOG(kLogError, kImportFn, u"Ruleset is not a JSON object");
+    }
+    return isObject;
 }
 
 // Whether a row that the import could not store ends the import: it does
@@ -606,17 +716,13 @@ bool ZorvDAL::PrepareImportStatement(sqlite3* db, std::shared_ptr<sqlite3_stmt>&
     return true;
 }
 
-bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                               const std::u16string& name, uint64_t& rowCount, std::string& error) {
-    const bool trustRuleset = kind == RulesetKind::TrustRuleset;
-    const bool keepRows = append != 0 && trustRuleset;  // a manifest always empties both tables
-    if (trustRuleset) {
-        ZORV_LOG(kLogTrace, kImportFn, u"Importing trust ruleset into db: %s", name);
-    } else {
+bool ZorvDAL::BeginTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, const std::u16string& name,
+                              std::vector<std::string>& trustMetadata, std::vector<std::string>& userListMetadata,
+                              std::string& error) {
+    const bool keepRows = append != 0 && kind == RulesetKind::TrustRuleset;  // a manifest always empties both tables
+    if (kind != RulesetKind::TrustRuleset) {
         ZORV_LOG(kLogTrace, kImportFn, u"Clearing trust rules for new agent manifest: %s", name);
     }
-
-    std::vector<std::string> trustMetadata;
     std::string tempName;
     if (!CollectTableMetadata(db, "TrustRules", trustMetadata, error)) return false;
     if (!CreateTempTableFromOriginal(db, "TrustRules", tempName, error)) return false;
@@ -628,42 +734,6 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
         ZORV_LOG(kLogError, kImportFn, u"Failed to copy existing TrustRules to Temp_TrustRules table: %s", error);
         return false;
     }
-    if (trustRuleset) {
-        const std::u16string ruleset = ToLower(name);
-        TrustRuleRecord rule;
-        for (const cJSON* element = FirstChild(&document, "Trustrules"); element != nullptr; element = element->next) {
-            ++rowCount;
-            // A non-object element has no keys: it yields a rule with every field empty.
-            SetText(element, "processName", rule.processName);
-            SetText(element, "paths", rule.paths);
-            rule.trustType = IntegerOf(element, "trustType");
-            SetText(element, "signerName", rule.signerName);
-            SetText(element, "productName", rule.productName);
-            SetText(element, "companyName", rule.companyName);
-            SetHash(element, "sha256", rule.sha256);
-            static constexpr const char* kIssuerKeys[6] = {"issuerCN", "issuerC", "issuerS",
-                                                            "issuerL",  "issuerO", "issuerOU"};
-            for (size_t i = 0; i < 6; ++i) SetText(element, kIssuerKeys[i], rule.issuer[i]);
-            SetLoweredText(element, "user", rule.procUser);
-            SetLoweredText(element, "group", rule.procGroup);
-            SetLoweredText(element, "userList", rule.userList);
-            rule.ruleset = ruleset;
-            // Matching cost grows with a pattern's length, and every event pays
-            // it for every rule: a longer pattern is refused like any bad row.
-            if (!WildcardPattern::Fits(rule.processName) || !WildcardPattern::Fits(rule.paths)) {
-                const std::u16string& pattern = WildcardPattern::Fits(rule.processName) ? rule.paths : rule.processName;
-                ZORV_LOG(kLogWarning, kImportFn,
-                         u"Trust rule skipped: pattern of %u units is longer than %u: %s...", pattern.size(),
-                         WildcardPattern::kMaxPatternUnits,
-                         std::u16string_view(pattern).substr(0, WildcardPattern::kMaxPatternUnits));
-                continue;
-            }
-            // A rule that cannot be stored is logged there; only a failing store stops the import.
-            if (ImportRowFailed(db, StoreTrustRuleInternal(rule, true), error)) return false;
-        }
-    }
-
-    std::vector<std::string> userListMetadata;
     if (!CollectTableMetadata(db, "UserList", userListMetadata, error)) return false;
     if (!CreateTempTableFromOriginal(db, "UserList", tempName, error)) return false;
     if (!PrepareImportStatement(db, m_pInsertUserListTempTableStmt, kInsertUserListTempTableSQL,
@@ -674,31 +744,11 @@ bool ZorvDAL::ImportTrustPhase(sqlite3* db, uint8_t append, RulesetKind kind, co
         ZORV_LOG(kLogError, kImportFn, u"Failed to copy existing UserList to Temp_UserList table: %s", error);
         return false;
     }
-    if (trustRuleset) {
-        ZORV_LOG(kLogTrace, kImportFn, u"Importing user lists into db: %s", name);
-        UserListRecord entry;
-        for (const cJSON* list = FirstChild(&document, "Userlists"); list != nullptr; list = list->next) {
-            const char* id = StringOf(list, "id");
-            const cJSON* users = cJSON_GetObjectItemCaseSensitive(list, "users");
-            if (id == nullptr || !cJSON_IsArray(users)) continue;
-            // List ids and user names keep their case, unlike a rule's reference.
-            entry.id = Utf8ToUtf16(id);
-            for (const cJSON* user = users->child; user != nullptr; user = user->next) {
-                if (!cJSON_IsString(user) || user->valuestring == nullptr) continue;
-                entry.user = Utf8ToUtf16(user->valuestring);
-                if (ImportRowFailed(db, StoreUserListInternal(entry, true), error)) return false;
-            }
-        }
-    }
-
-    return SwapTempTableToOriginal(db, "TrustRules", trustMetadata, error) &&
-           SwapTempTableToOriginal(db, "UserList", userListMetadata, error);
+    return true;
 }
 
-bool ZorvDAL::ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, const cJSON& document,
-                              const std::u16string& name, std::vector<std::string>& itemMetadata,
-                              uint64_t& rowCount, std::string& error) {
-    ZORV_LOG(kLogTrace, kImportFn, u"Importing item ruleset into db: %s", name);
+bool ZorvDAL::BeginItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, std::vector<std::string>& itemMetadata,
+                             std::string& error) {
     if (!CollectTableMetadata(db, "InventoryItems", itemMetadata, error)) return false;
     // Views on InventoryItems (Items among them) are filed under their own
     // names; collect them too so that the swap re-creates them.
@@ -741,22 +791,6 @@ bool ZorvDAL::ImportItemPhase(sqlite3* db, uint8_t append, RulesetKind kind, con
         }
     }
 
-    // One record reused for every element: an EngineEvent is large, and only
-    // the fields below are set by an import.
-    EngineEvent item;
-    item.source = kind == RulesetKind::AgentManifest ? AC_SOURCE_AGENT_RULES : AC_SOURCE_EXECUTION_RULES;
-    item.ruleset = name;
-    for (const cJSON* element = FirstChild(&document, "rules"); element != nullptr; element = element->next) {
-        ++rowCount;
-        SetText(element, "fileName", item.fileName);
-        SetHash(element, "sha256", item.fileSha256);
-        SetHash(element, "sha1", item.fileSha1);
-        SetHash(element, "md5", item.fileMd5);
-        item.size = static_cast<uint64_t>(static_cast<int64_t>(IntegerOf(element, "size")));
-        item.isAuthorized = AuthorizedStateOf(element);
-        // An item that cannot be stored is logged there; only a failing store stops the import.
-        if (ImportRowFailed(db, StoreItemInternal(item, true), error)) return false;
-    }
     return true;
 }
 

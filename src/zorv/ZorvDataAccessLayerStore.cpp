@@ -39,7 +39,10 @@ int ParameterIndex(sqlite3_stmt* stmt, const char* name) { return sqlite3_bind_p
 int BindText(sqlite3_stmt* stmt, const char* name, std::u16string_view text) {
     const int index = ParameterIndex(stmt, name);
     if (text.empty()) return sqlite3_bind_null(stmt, index);
-    const std::string utf8 = Utf16ToUtf8(text);
+    // SQLite copies the text: one buffer per thread serves every bind of an
+    // import instead of an allocation each.
+    thread_local std::string utf8;
+    Utf16ToUtf8(text, utf8);
     return sqlite3_bind_text(stmt, index, utf8.data(), static_cast<int>(utf8.size()), SQLITE_TRANSIENT);
 }
 

@@ -158,6 +158,14 @@ void ZorvStats::ClearTrustRuleHitCounts() {
     m_trustRuleHitCounts.clear();
 }
 
+void ZorvStats::ResetTrustRuleHitCounts(const std::vector<int32_t>& ids) {
+    // Taking the exclusive lock visits every slot of the lock: once for an
+    // import of ten thousand rules, not once per rule.
+    std::lock_guard<SlottedSharedMutex> lock(m_hitCountsLock);
+    m_trustRuleHitCounts.clear();
+    for (const int32_t id : ids) m_trustRuleHitCounts.try_emplace(m_trustRuleHitCounts.end(), id, 0);
+}
+
 uint32_t ZorvStats::GetMetrics(void* buffer, uint32_t* size, const EngineSections& addEngineSections) {
     constexpr const char16_t* kFn = u"ZorvStats::GetMetrics";
     std::unique_ptr<cJSON, JsonDeleter> root(cJSON_CreateObject());

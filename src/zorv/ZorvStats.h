@@ -17,6 +17,7 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <vector>
 #include <string_view>
 
 #include "ZorvSlottedSharedMutex.h"
@@ -63,6 +64,8 @@ public:
     void SetTrustRuleHitCount(int32_t trustRuleId, int64_t value);
     void IncrementTrustRuleHitCount(int32_t trustRuleId);
     void ClearTrustRuleHitCounts();
+    // Forgets every count and starts each of `ids` from zero, under one lock.
+    void ResetTrustRuleHitCounts(const std::vector<int32_t>& ids);
 
     // Builds the metrics document into `buffer` (see get_metrics_mem). Always
     // stores the size the document needs, NUL included, into *size; returns

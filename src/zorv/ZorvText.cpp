@@ -50,6 +50,12 @@ std::u16string FromHostText(const ZorvChar* text) {
 
 std::string Utf16ToUtf8(std::u16string_view text) {
     std::string out;
+    Utf16ToUtf8(text, out);
+    return out;
+}
+
+void Utf16ToUtf8(std::u16string_view text, std::string& out) {
+    out.clear();
     out.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
         const char16_t u = text[i];
@@ -65,11 +71,16 @@ std::string Utf16ToUtf8(std::u16string_view text) {
             AppendUtf8(out, u);
         }
     }
-    return out;
 }
 
 std::u16string Utf8ToUtf16(std::string_view text) {
     std::u16string out;
+    Utf8ToUtf16(text, out);
+    return out;
+}
+
+void Utf8ToUtf16(std::string_view text, std::u16string& out) {
+    out.clear();
     out.reserve(text.size());
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     const size_t n = text.size();
@@ -112,7 +123,6 @@ std::u16string Utf8ToUtf16(std::string_view text) {
             i += taken;
         }
     }
-    return out;
 }
 
 char16_t ToLowerUnit(char16_t unit) {

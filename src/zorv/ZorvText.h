@@ -18,10 +18,13 @@ std::u16string FromHostText(const ZorvChar* text);
 // UTF-16 to UTF-8. A lone surrogate becomes U+FFFD instead of failing, so a
 // malformed name from the plug-in still reaches the log and the database.
 std::string Utf16ToUtf8(std::u16string_view text);
+// The same into `out`, whose storage is reused: for loops over many rows.
+void Utf16ToUtf8(std::u16string_view text, std::string& out);
 
 // UTF-8 to UTF-16. Malformed, overlong or surrogate-encoding sequences become
 // U+FFFD, one per offending byte run.
 std::u16string Utf8ToUtf16(std::string_view text);
+void Utf8ToUtf16(std::string_view text, std::u16string& out);
 
 // Lower-casing is ASCII A-Z only, so every platform and every locale folds the
 // same way: the database and the rule tables compare the folded bytes.

@@ -195,6 +195,31 @@ TEST_F(ImportTest, FailedImportLeavesAllThreeTablesAsTheyWere) {
     EXPECT_EQ(Probe().Scalar("PRAGMA integrity_check"), "ok");
 }
 
+// The document is read while its rows are stored: a fault found after the
+// rows, or a text that is no object at all, must leave nothing of them.
+TEST_F(ImportTest, DocumentFaultAfterItsRowsRollsTheWholeImportBack) {
+    Seed();
+    const Lines before = Snapshot();
+    const std::string rows = R"({"rules":[{"fileName":"a.exe","size":1}],"Trustrules":[{"processName":"p"}],)"
+                             R"("Userlists":[{"id":"l","users":["u"]}])";
+    for (const std::string& tail : {std::string(R"(,"x":[1,}])"), std::string("} trailing"),
+                                    std::string(R"(,"x":")"), std::string(R"(,"rules":[01x]})")}) {
+        for (const char16_t* name : {u"ruleset", u"TrustRules", u"AgentManifest"}) {
+            EXPECT_EQ(ImportBuffer(0, rows + tail, name), AC_E_FAILED) << tail;
+            EXPECT_EQ(ImportFile(1, rows + tail, name), AC_E_FAILED) << tail;
+        }
+    }
+    EXPECT_EQ(ImportBuffer(0, R"([{"rules":[{"fileName":"a.exe"}]}])", u"ruleset"), AC_E_FAILED);
+    EXPECT_EQ(Snapshot(), before);
+    // Userlists may come first, and only the first of a repeated key counts.
+    ASSERT_EQ(ImportFile(0, R"({"Userlists":[{"id":"l","users":["u"]}],"Trustrules":[{"processName":"p"}],)"
+                            R"("Trustrules":[{"processName":"q"},{"processName":"r"}]})",
+                         u"TrustRules"),
+              AC_OK);
+    EXPECT_EQ(Rows("SELECT processName FROM TrustRules"), Lines{"p"});
+    EXPECT_EQ(Rows("SELECT id, user FROM UserList"), Lines{"l|u"});
+}
+
 TEST_F(ImportTest, JsonEdgeValues) {
     const std::string rules = R"({"rules":[
         {"fileName":"s1","size":"12abc"},
