@@ -281,6 +281,51 @@ TEST_F(ZorvCli, CheckAllowsTheInventoryAndBlocksTheNewUnderLockdown) {
     }
 }
 
+// A trust-rule verdict names the rule and its ruleset; the first rule in id
+// order that accepts wins, as in the engine.
+TEST_F(ZorvCli, CheckNamesTheTrustRuleThatDecided) {
+    const fs::path tool = Write("tree/tool.exe", "MZ tool");
+    const fs::path bad = Write("tree/bad.exe", "MZ bad");
+    // Rule paths in the platform's own spelling, escaped for JSON.
+    const auto pattern = [&](const fs::path& tail) {
+        std::string text;
+        for (const char c : (m_dir / "tree" / tail).string()) text += c == '\\' ? "\\\\" : std::string(1, c);
+        return text;
+    };
+    const std::string first = Write("first.json", "{\"Trustrules\":[{\"paths\":\"" + pattern(fs::path("other") / "*") +
+                                                      "\",\"trustType\":2},{\"paths\":\"" + pattern("*.exe") +
+                                                      "\",\"trustType\":2}]}")
+                                  .string();
+    const std::string second = Write("second.json", "{\"Trustrules\":[{\"processName\":\"/bin/evil*\",\"paths\":\"" +
+                                                        pattern("bad.exe") + "\",\"trustType\":4}]}")
+                                   .string();
+    ASSERT_EQ(Zorv({"import", first, "--name", "team-trustrules"}).status, 0);
+    ASSERT_EQ(Zorv({"import", second, "--name", "block-trustrules", "--append"}).status, 0);
+    struct Case {
+        fs::path file;
+        std::string process;
+        int status;
+        std::string reason;
+        std::string ruleset;
+        double ruleId;
+    };
+    const std::vector<Case> cases = {
+        {tool, "/bin/evilx", 0, "trusted", "team-trustrules", 2},
+        {bad, "/bin/good", 0, "trusted", "team-trustrules", 2},
+        {bad, "/bin/evilx", 1, "blocked", "block-trustrules", 3},
+    };
+    for (const Case& test : cases) {
+        const Outcome outcome =
+            Zorv({"check", test.file.string(), "--process", test.process, "--lockdown", "--json"});
+        EXPECT_EQ(outcome.status, test.status) << test.file << outcome.err;
+        Json result = Parse(outcome.out);
+        EXPECT_EQ(Text(result.get(), "source"), "trustRule") << outcome.out;
+        EXPECT_EQ(Text(result.get(), "reason"), test.reason) << outcome.out;
+        EXPECT_EQ(Text(result.get(), "ruleset"), test.ruleset) << outcome.out;
+        EXPECT_EQ(Number(result.get(), "trustRuleId"), test.ruleId) << outcome.out;
+    }
+}
+
 TEST_F(ZorvCli, ImportReportsCountsAndExportPagesThemOut) {
     const Outcome imported = Zorv({"import", kExamples + "/ruleset.json", "--name", "example-rules", "--json"});
     ASSERT_EQ(imported.status, 0) << imported.err;
