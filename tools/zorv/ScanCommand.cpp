@@ -357,6 +357,8 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
                 return int(kExitError);
             }
             roots.push_back(root.lexically_normal());
+            if (options->oneFileSystem && host::DeviceOf(roots.back()) == 0)
+                PrintError(text, "its file system cannot be told; the scan may leave it");
         }
         host::EngineSession engine;
         if (!OpenEngine(common, engine)) return int(kExitError);
