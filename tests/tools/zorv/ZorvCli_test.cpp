@@ -379,8 +379,9 @@ TEST_F(ZorvCli, CheckNamesTheTrustRuleThatDecided) {
         {bad, "/bin/evilx", 1, "blocked", "block-trustrules", 3},
     };
     for (const Case& test : cases) {
-        const Outcome outcome =
-            Zorv({"check", test.file.string(), "--process", test.process, "--lockdown", "--json"});
+        // The rules' patterns compare separators literally: the path in the rules' spelling.
+        const Outcome outcome = Zorv(
+            {"check", fs::path(test.file).make_preferred().string(), "--process", test.process, "--lockdown", "--json"});
         EXPECT_EQ(outcome.status, test.status) << test.file << outcome.err;
         Json result = Parse(outcome.out);
         EXPECT_EQ(Text(result.get(), "source"), "trustRule") << outcome.out;
