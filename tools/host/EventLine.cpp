@@ -44,13 +44,17 @@ public:
         out.clear();
         if (!Take('"')) return false;
         while (m_at < m_text.size()) {
+            // A run of plain characters is taken whole: most strings have no escape.
+            size_t plain = m_at;
+            while (plain < m_text.size() && m_text[plain] != '"' && m_text[plain] != '\\' &&
+                   static_cast<unsigned char>(m_text[plain]) >= 0x20)
+                ++plain;
+            out.append(m_text.data() + m_at, plain - m_at);
+            m_at = plain;
+            if (m_at >= m_text.size()) return false;
             const char c = m_text[m_at++];
             if (c == '"') return true;
             if (static_cast<unsigned char>(c) < 0x20) return false;
-            if (c != '\\') {
-                out.push_back(c);
-                continue;
-            }
             if (m_at >= m_text.size()) return false;
             const char escape = m_text[m_at++];
             switch (escape) {

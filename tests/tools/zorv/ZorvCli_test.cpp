@@ -194,7 +194,8 @@ TEST_F(ZorvCli, BadInputIsNamedAndLeavesTheStoreAlone) {
 // before it are decided all the same.
 TEST_F(ZorvCli, ReplaySkipsBadLinesOrStopsWithStrict) {
     const std::string a(64, 'a'), b(64, 'b');
-    const std::string events = Write("events.jsonl", "{\"type\":23,\"pid\":1,\"sha256\":\"" + a + "\"}\n" +
+    const std::string events = Write("events.jsonl", "{\"type\":23,\"pid\":1,\"name\":\"/a\\\"b\\\\c\\u00e9\\ud83d\\ude00 d\","
+                                                     "\"sha256\":\"" + a + "\"}\n" +
                                                          "{\"type\":23,\"pid\":2,\"sha256\":\"" + b + "\"}\n" +
                                                          "{\"type\":23,\"pid\":1,\"size\":-1}\n\n" +
                                                          "{\"type\":0,\"pid\":1,\"sha256\":\"" + a + "\"}\n")
@@ -217,7 +218,17 @@ TEST_F(ZorvCli, ReplaySkipsBadLinesOrStopsWithStrict) {
         EXPECT_EQ(Number(summary.get(), "badLines"), 1) << outcome.out;
         const std::vector<std::string> written = Lines(Slurp(decisions));
         ASSERT_EQ(written.size(), static_cast<size_t>(test.events));
-        for (const std::string& line : written) EXPECT_TRUE(Parse(line)) << line;
+        std::set<double> decided;
+        for (const std::string& line : written) {
+            Json decision = Parse(line);
+            ASSERT_TRUE(decision) << line;
+            decided.insert(Number(decision.get(), "line"));
+            // Escapes are decoded, surrogate pairs included.
+            if (Number(decision.get(), "line") == 1)
+                EXPECT_EQ(Text(decision.get(), "name"), "/a\"b\\c\xC3\xA9\xF0\x9F\x98\x80 d");
+        }
+        const std::set<double> expected = test.strict ? std::set<double>{1, 2} : std::set<double>{1, 2, 5};
+        EXPECT_EQ(decided, expected);
     }
 }
 
