@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <unordered_map>
 
 #include "HostEngine.h"
 
@@ -43,13 +44,17 @@ public:
         out.clear();
         if (!Take('"')) return false;
         while (m_at < m_text.size()) {
+            // A run of plain characters is taken whole: most strings have no escape.
+            size_t plain = m_at;
+            while (plain < m_text.size() && m_text[plain] != '"' && m_text[plain] != '\\' &&
+                   static_cast<unsigned char>(m_text[plain]) >= 0x20)
+                ++plain;
+            out.append(m_text.data() + m_at, plain - m_at);
+            m_at = plain;
+            if (m_at >= m_text.size()) return false;
             const char c = m_text[m_at++];
             if (c == '"') return true;
             if (static_cast<unsigned char>(c) < 0x20) return false;
-            if (c != '\\') {
-                out.push_back(c);
-                continue;
-            }
             if (m_at >= m_text.size()) return false;
             const char escape = m_text[m_at++];
             switch (escape) {
@@ -145,11 +150,29 @@ private:
     size_t m_at = 0;
 };
 
-template <typename Table>
-int FindField(const Table& table, std::string_view name) {
-    for (size_t i = 0; i < std::size(table); ++i)
-        if (name == table[i].name) return static_cast<int>(i);
-    return -1;
+// Every member name of an event line, looked up once per member: a replay
+// reads millions of them, and a walk along the tables compared most names
+// against thirty others.
+struct FieldRef {
+    enum Kind : uint8_t { kType, kNumber, kByte, kText, kDigest } kind;
+    uint8_t index;
+};
+
+const std::unordered_map<std::string_view, FieldRef>& Fields() {
+    static const std::unordered_map<std::string_view, FieldRef> fields = [] {
+        std::unordered_map<std::string_view, FieldRef> map;
+        map.emplace("type", FieldRef{FieldRef::kType, 0});
+        const auto add = [&map](const auto& table, FieldRef::Kind kind) {
+            for (size_t i = 0; i < std::size(table); ++i)
+                map.emplace(table[i].name, FieldRef{kind, static_cast<uint8_t>(i)});
+        };
+        add(kNumberFields, FieldRef::kNumber);
+        add(kByteFields, FieldRef::kByte);
+        add(kTextFields, FieldRef::kText);
+        add(kDigestFields, FieldRef::kDigest);
+        return map;
+    }();
+    return fields;
 }
 
 std::string Quoted(std::string_view key) { return "\"" + std::string(key) + "\""; }
@@ -187,47 +210,56 @@ bool ParseEventLine(std::string_view line, EventRecord& record, std::string& err
             error = "not valid JSON";
             return false;
         }
-        int index = -1;
-        if (key == "type") {
-            if (kind != LineScanner::Kind::kUnsigned || value > UINT32_MAX) {
-                error = "\"type\": expected an operation code (unsigned 32-bit integer)";
-                return false;
-            }
-            numbers.type = static_cast<uint32_t>(value);
-        } else if ((index = FindField(kNumberFields, key)) >= 0) {
-            if (kind != LineScanner::Kind::kUnsigned) {
-                error = Quoted(key) + ": expected an unsigned integer";
-                return false;
-            }
-            numbers.*(kNumberFields[index].member) = value;
-        } else if ((index = FindField(kByteFields, key)) >= 0) {
-            if (kind == LineScanner::Kind::kTrue || kind == LineScanner::Kind::kFalse) {
-                value = kind == LineScanner::Kind::kTrue ? 1 : 0;
-            } else if (kind != LineScanner::Kind::kUnsigned || value > 255) {
-                error = Quoted(key) + ": expected true, false or 0..255";
-                return false;
-            }
-            numbers.*(kByteFields[index].member) = static_cast<uint8_t>(value);
-        } else if ((index = FindField(kTextFields, key)) >= 0) {
-            if (kind != LineScanner::Kind::kString) {
-                error = Quoted(key) + ": expected a string";
-                return false;
-            }
-            if (!Utf8ToZ(text, record.TextSlot(static_cast<size_t>(index)))) {
-                error = Quoted(key) + ": not valid UTF-8";
-                return false;
-            }
-        } else if ((index = FindField(kDigestFields, key)) >= 0) {
-            uint8_t bytes[32];
-            const size_t length = kDigestFields[index].length;
-            if (kind != LineScanner::Kind::kString || !FromHex(text, bytes, length)) {
-                error = Quoted(key) + ": expected " + std::to_string(length * 2) + " hex digits";
-                return false;
-            }
-            record.SetDigest(static_cast<size_t>(index), bytes);
-        } else {
+        const auto found = Fields().find(key);
+        if (found == Fields().end()) {
             error = "unknown field " + Quoted(key);
             return false;
+        }
+        const size_t index = found->second.index;
+        switch (found->second.kind) {
+            case FieldRef::kType:
+                if (kind != LineScanner::Kind::kUnsigned || value > UINT32_MAX) {
+                    error = "\"type\": expected an operation code (unsigned 32-bit integer)";
+                    return false;
+                }
+                numbers.type = static_cast<uint32_t>(value);
+                break;
+            case FieldRef::kNumber:
+                if (kind != LineScanner::Kind::kUnsigned) {
+                    error = Quoted(key) + ": expected an unsigned integer";
+                    return false;
+                }
+                numbers.*(kNumberFields[index].member) = value;
+                break;
+            case FieldRef::kByte:
+                if (kind == LineScanner::Kind::kTrue || kind == LineScanner::Kind::kFalse) {
+                    value = kind == LineScanner::Kind::kTrue ? 1 : 0;
+                } else if (kind != LineScanner::Kind::kUnsigned || value > 255) {
+                    error = Quoted(key) + ": expected true, false or 0..255";
+                    return false;
+                }
+                numbers.*(kByteFields[index].member) = static_cast<uint8_t>(value);
+                break;
+            case FieldRef::kText:
+                if (kind != LineScanner::Kind::kString) {
+                    error = Quoted(key) + ": expected a string";
+                    return false;
+                }
+                if (!Utf8ToZ(text, record.TextSlot(index))) {
+                    error = Quoted(key) + ": not valid UTF-8";
+                    return false;
+                }
+                break;
+            case FieldRef::kDigest: {
+                uint8_t bytes[32];
+                const size_t length = kDigestFields[index].length;
+                if (kind != LineScanner::Kind::kString || !FromHex(text, bytes, length)) {
+                    error = Quoted(key) + ": expected " + std::to_string(length * 2) + " hex digits";
+                    return false;
+                }
+                record.SetDigest(index, bytes);
+                break;
+            }
         }
     }
     if (!scan.AtEnd()) {

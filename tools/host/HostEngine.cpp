@@ -12,6 +12,8 @@ namespace {
 
 std::mutex g_logMutex;  // guards g_logSink and the lines written to it
 std::FILE* g_logSink = nullptr;
+uint32_t g_logSinkMask = ~0u;
+LogObserver g_logObserver;
 
 const char* LevelName(uint32_t level) {
     if (level & AC_LOG_ERROR) return "ERROR";
@@ -27,7 +29,8 @@ void WriteLogLine(uint32_t level, uint32_t /*line*/, const ZorvChar* function, c
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.pop_back();
     const std::string where = ZToUtf8(function);
     std::lock_guard<std::mutex> lock(g_logMutex);
-    if (g_logSink == nullptr) return;
+    if (g_logObserver) g_logObserver(level, where, text);
+    if (g_logSink == nullptr || (level & g_logSinkMask) == 0) return;
     std::fprintf(g_logSink, "%-7s %s: %s\n", LevelName(level), where.c_str(), text.c_str());
 }
 
@@ -37,6 +40,16 @@ void SetLogSink(std::FILE* sink) {
     std::lock_guard<std::mutex> lock(g_logMutex);
     if (g_logSink != nullptr) std::fflush(g_logSink);
     g_logSink = sink;
+}
+
+void SetLogSinkMask(uint32_t mask) {
+    std::lock_guard<std::mutex> lock(g_logMutex);
+    g_logSinkMask = mask;
+}
+
+void SetLogObserver(LogObserver observer) {
+    std::lock_guard<std::mutex> lock(g_logMutex);
+    g_logObserver = std::move(observer);
 }
 
 std::optional<uint32_t> ParseLogLevel(std::string_view text) {

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,15 @@ namespace zorv::host {
 // Where the engine's log goes: a FILE* (stderr or an opened file) or nowhere.
 // Lines read "LEVEL function: message". Safe to call from any thread.
 void SetLogSink(std::FILE* sink);
+
+// The levels the sink is given (the mask the user asked for): the engine may
+// be told to log more while an observer listens, and the sink must not see it.
+void SetLogSinkMask(uint32_t mask);
+
+// Sees every line the engine logs (level, function, message), whatever the
+// sink's mask, while set; called under the log lock, so it must not log.
+using LogObserver = std::function<void(uint32_t level, const std::string& function, const std::string& message)>;
+void SetLogObserver(LogObserver observer);
 
 // "error", "warning", "info" or "trace" (each includes the levels above it),
 // or a number (the mask itself). nullopt for anything else.

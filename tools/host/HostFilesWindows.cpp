@@ -88,9 +88,21 @@ bool ReadHead(const std::filesystem::path& file, uint8_t head[4], size_t& length
     return ok;
 }
 
-// Folders cannot be told apart by volume here without opening them; a scan
-// on Windows crosses mount points as the walk finds them.
-uint64_t DeviceOf(const std::filesystem::path&) { return 0; }
+// The volume's serial number, read on a handle to the folder itself. The
+// handle follows a mount point or junction to the volume it leads to, so a
+// volume mounted in a folder shows its own serial, as st_dev does on POSIX.
+// The serial is kept with a bit above it: a volume whose serial is 0 must
+// still differ from "not known".
+uint64_t DeviceOf(const std::filesystem::path& path) {
+    HANDLE handle = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return 0;
+    BY_HANDLE_FILE_INFORMATION information{};
+    const bool ok = GetFileInformationByHandle(handle, &information) != 0;
+    CloseHandle(handle);
+    return ok ? (uint64_t{1} << 32) | information.dwVolumeSerialNumber : 0;
+}
 
 void SetBinaryStdout() {
     std::fflush(stdout);

@@ -33,6 +33,26 @@ uint64_t FileBytes(const std::string& path) {
     return error ? 0 : static_cast<uint64_t>(size);
 }
 
+std::string AsciiLower(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+    return text;
+}
+
+// Whether the ";"-separated list holds `pattern` as one of its entries.
+bool ListHolds(const std::string& list, const std::string& pattern) {
+    const std::string lowered = AsciiLower(list);
+    const std::string wanted = AsciiLower(pattern);
+    size_t start = 0;
+    while (start <= lowered.size()) {
+        size_t end = lowered.find(';', start);
+        if (end == std::string::npos) end = lowered.size();
+        if (lowered.compare(start, end - start, wanted) == 0) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
 }  // namespace
 
 StoreReader::StoreReader() = default;
@@ -130,6 +150,32 @@ bool StoreReader::TrustRuleRuleset(int64_t trustRuleId, std::string& ruleset) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), 0));
     ruleset = text ? text : "";
     return true;
+}
+
+bool StoreReader::TrustRuleCandidates(uint32_t trustType, const std::optional<std::string>& namePattern,
+                                      const std::optional<std::string>& pathPattern, const uint8_t sha256[32],
+                                      std::vector<TrustRuleRow>& rows) {
+    Statement statement = Prepare(m_db,
+                                  "SELECT trustRuleId, ruleset, processName, paths FROM TrustRules WHERE (trustType = 0 "
+                                  "OR trustType = ?1) AND (sha256 IS NULL OR sha256 = ?2) ORDER BY trustRuleId;");
+    if (!statement) return false;
+    sqlite3_bind_int64(statement.get(), 1, trustType);
+    sqlite3_bind_blob(statement.get(), 2, sha256, 32, SQLITE_STATIC);
+    const auto text = [&](int column) -> std::optional<std::string> {
+        const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), column));
+        if (value == nullptr) return std::nullopt;
+        return std::string(value);
+    };
+    rows.clear();
+    int step;
+    while ((step = sqlite3_step(statement.get())) == SQLITE_ROW) {
+        const std::optional<std::string> name = text(2), paths = text(3);
+        if (name.has_value() != namePattern.has_value() || paths.has_value() != pathPattern.has_value()) continue;
+        if (name && !ListHolds(*name, *namePattern)) continue;
+        if (paths && !ListHolds(*paths, *pathPattern)) continue;
+        rows.push_back({sqlite3_column_int64(statement.get(), 0), text(1).value_or("")});
+    }
+    return step == SQLITE_DONE;
 }
 
 bool StoreReader::Copy(const std::string& source, const std::string& target, std::string& error) {

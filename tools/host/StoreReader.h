@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,19 @@ public:
     bool ItemRuleset(const uint8_t sha256[32], uint64_t size, std::string& ruleset, int64_t& source);
     // The ruleset of a trust rule, by id.
     bool TrustRuleRuleset(int64_t trustRuleId, std::string& ruleset);
+
+    // The trust rules, in the engine's order (ascending id), that could have
+    // accepted an event as the engine's log tells it: of `trustType` (or of
+    // any type), whose process-name list holds `namePattern` (nullopt: no
+    // process name), whose path list holds `pathPattern` (nullopt: no paths),
+    // and whose hash, if any, is `sha256`. Patterns compare without case.
+    struct TrustRuleRow {
+        int64_t id = 0;
+        std::string ruleset;  // empty when the rule has none
+    };
+    bool TrustRuleCandidates(uint32_t trustType, const std::optional<std::string>& namePattern,
+                             const std::optional<std::string>& pathPattern, const uint8_t sha256[32],
+                             std::vector<TrustRuleRow>& rows);
 
     // A consistent copy of the store into `target` (replaced), in WAL mode.
     static bool Copy(const std::string& source, const std::string& target, std::string& error);

@@ -1,6 +1,8 @@
 // zorv check FILE... [--process PATH] [--user NAME] [--group NAME] [--lockdown]
 // "Would this run?": one process-start event per file, with its digests.
 #include <iostream>
+#include <mutex>
+#include <optional>
 #include <tuple>
 
 #include "Commands.h"
@@ -35,6 +37,67 @@ size_t TextIndex(std::string_view name) {
     for (size_t i = 0; i < host::kTextFieldCount; ++i)
         if (name == host::kTextFields[i].name) return i;
     return 0;
+}
+
+// What the engine's trace says about the trust rule that accepted an event:
+// the matcher logs, for each rule it tries, "Found potential trust rule...",
+// then a "Match found between event path [...] and rule path [...]" line for
+// the process-name pattern and one for the path pattern that matched, and
+// "... is found in trust rule" when it accepts. The rule's id is not in the
+// C interface; these patterns, with the trust type the verdict implies, pick
+// it out of the store.
+class TrustRuleTrace {
+public:
+    void Reset() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_tried = {};
+        m_accepted.reset();
+    }
+    void See(const std::string& message) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        static constexpr std::string_view kMatch = "Match found between event path [";
+        static constexpr std::string_view kRulePath = "] and rule path [";
+        if (message.rfind("Found potential trust rule", 0) == 0) {
+            m_tried = {};
+        } else if (message.rfind(kMatch, 0) == 0) {
+            const size_t middle = message.find(kRulePath);
+            if (middle != std::string::npos && message.back() == ']')
+                m_tried.matches.push_back(message.substr(middle + kRulePath.size(),
+                                                         message.size() - middle - kRulePath.size() - 1));
+        } else if (message == "No path specified for trust rule. Allow all path") {
+            m_tried.allPaths = true;
+        } else if (message.ends_with(" is found in trust rule")) {
+            m_accepted = m_tried;
+        }
+    }
+    // The name and path patterns of the accepted rule; false when none was.
+    bool Accepted(std::optional<std::string>& name, std::optional<std::string>& path) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_accepted) return false;
+        std::vector<std::string> matches = m_accepted->matches;
+        path.reset();
+        name.reset();
+        if (!m_accepted->allPaths && !matches.empty()) {
+            path = matches.back();
+            matches.pop_back();
+        }
+        if (!matches.empty()) name = matches.back();
+        return m_accepted->allPaths || path.has_value();
+    }
+
+private:
+    struct Tried {
+        std::vector<std::string> matches;
+        bool allPaths = false;
+    };
+    std::mutex m_mutex;  // guards m_tried and m_accepted
+    Tried m_tried;
+    std::optional<Tried> m_accepted;
+};
+
+// The rule kind a trust-rule verdict came from: block by target or trusted execution.
+uint32_t TrustTypeOf(const AppCtlResult& result) {
+    return result.isAuthorized == AC_REASON_BLOCKED ? 4u : 2u;
 }
 
 }  // namespace
@@ -100,6 +163,21 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
         host::StoreReader reader;
         std::string readerError;
         const bool canRead = reader.Open(common.db, readerError);
+        // The trust rule that decided is told only by the engine's trace:
+        // listen to it for the length of the checks, the sink keeps its mask.
+        TrustRuleTrace trace;
+        const uint32_t sinkMask = LogMask();
+        host::SetLogObserver([&trace](uint32_t level, const std::string&, const std::string& message) {
+            if (level & AC_LOG_TRACE) trace.See(message);
+        });
+        set_loglevel(sinkMask | AC_LOG_TRACE);
+        struct QuietAgain {
+            uint32_t mask;
+            ~QuietAgain() {
+                set_loglevel(mask);
+                host::SetLogObserver(nullptr);
+            }
+        } quietAgain{sinkMask};
 
         bool anyBlocked = false;
         for (Target& target : targets) {
@@ -118,14 +196,35 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
             record.SetDigest(2, target.read.digests.md5);
             const AppCtlEvent& event = record.Raw();
             AppCtlResult result{};
+            trace.Reset();
             const uint32_t status = app_ctl(nullptr, &event, &result);
             const bool blocked = result.action == AC_DECISION_BLOCK;
             anyBlocked = anyBlocked || blocked;
-            // The result carries no ruleset: the row the lookup found tells it.
+            // The result carries no ruleset: the inventory row the lookup
+            // found tells it, or, for a trust-rule verdict, the rule the
+            // engine's trace points at.
             std::string ruleset;
             int64_t rowSource = 0;
-            const bool known =
-                canRead && reader.ItemRuleset(target.read.digests.sha256, target.read.after.size, ruleset, rowSource);
+            std::optional<int64_t> trustRuleId;
+            bool ambiguous = false;
+            bool known = false;
+            if (canRead && result.source == AC_SOURCE_TRUST_RULE) {
+                std::optional<std::string> namePattern, pathPattern;
+                std::vector<host::StoreReader::TrustRuleRow> rows;
+                if (trace.Accepted(namePattern, pathPattern) &&
+                    reader.TrustRuleCandidates(TrustTypeOf(result), namePattern, pathPattern,
+                                               target.read.digests.sha256, rows) &&
+                    !rows.empty()) {
+                    // The engine takes the first rule that passes; a later one
+                    // differs only in conditions the trace does not show.
+                    known = true;
+                    trustRuleId = rows.front().id;
+                    ruleset = rows.front().ruleset;
+                    for (const auto& row : rows) ambiguous = ambiguous || row.ruleset != ruleset;
+                }
+            } else if (canRead) {
+                known = reader.ItemRuleset(target.read.digests.sha256, target.read.after.size, ruleset, rowSource);
+            }
             if (common.json) {
                 std::string out = "{\"file\":";
                 host::AppendJsonString(out, host::PathToUtf8(target.path));
@@ -142,6 +241,8 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
                     host::AppendJsonString(out, ruleset);
                 else
                     out += "null";
+                out += ",\"trustRuleId\":" + (trustRuleId ? std::to_string(*trustRuleId) : std::string("null"));
+                if (ambiguous) out += ",\"rulesetAmbiguous\":true";
                 out += ",\"status\":" + std::to_string(status) + ",\"sha256\":\"" +
                        host::ToHex(target.read.digests.sha256, 32) + "\",\"event\":" + host::FormatEventLine(event) +
                        "}";
@@ -152,6 +253,8 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
                           << ", reason " << host::ReasonName(result.isAuthorized) << ", source "
                           << host::SourceName(result.source) << ", inventory " << host::VerdictName(result.dbVerdict)
                           << ", ruleset " << (known ? (ruleset.empty() ? "(none)" : ruleset) : "-")
+                          << (trustRuleId ? ", trust rule " + std::to_string(*trustRuleId) : std::string())
+                          << (ambiguous ? " (or a later rule of another ruleset)" : "")
                           << "\n    sha256 " << host::ToHex(target.read.digests.sha256, 32) << "\n";
                 // app_ctl lets a block through while the store has no agent
                 // manifest for this engine version; say so rather than hide it.

@@ -20,6 +20,7 @@ struct FileCloser {
     }
 };
 std::unique_ptr<std::FILE, FileCloser> g_logFile;
+uint32_t g_logMask = 0;
 }  // namespace
 
 void PrintError(const std::string& input, const std::string& reason) {
@@ -46,6 +47,8 @@ bool OpenLog(const CommonOptions& common, uint32_t& levelMask) {
         return false;
     }
     levelMask = *level;
+    g_logMask = levelMask;
+    host::SetLogSinkMask(levelMask);
     if (common.log.empty() || common.log == "-") {
         host::SetLogSink(stderr);
         return true;
@@ -58,6 +61,8 @@ bool OpenLog(const CommonOptions& common, uint32_t& levelMask) {
     host::SetLogSink(g_logFile.get());
     return true;
 }
+
+uint32_t LogMask() { return g_logMask; }
 
 bool OpenEngine(const CommonOptions& common, host::EngineSession& engine) {
     uint32_t levelMask = 0;

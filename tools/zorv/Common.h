@@ -39,6 +39,9 @@ bool OpenEngine(const CommonOptions& common, host::EngineSession& engine);
 // log file cannot be opened or the level is not known.
 bool OpenLog(const CommonOptions& common, uint32_t& levelMask);
 
+// The levels OpenLog gave the engine (0: no log asked for).
+uint32_t LogMask();
+
 // Output for people goes to standard output unless --quiet.
 bool Speak(const CommonOptions& common);
 

@@ -1,12 +1,14 @@
 // zorv export [--source N|NAME] [--after ID] [--out FILE|-] [--format jsonl|csv]
 #include <cjson/cJSON.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <vector>
 
 #include "Commands.h"
 #include "EventLine.h"
@@ -81,41 +83,63 @@ bool LastId(const std::string& line, bool trust, uint64_t& id) {
     return ok;
 }
 
-// Copies one payload page as it is, CR LF line ends made LF, in large
-// blocks: the export should cost little more than get_inventory itself.
+// Copies one payload page as it is, CR LF line ends made LF, block by block
+// straight from the read buffer: the export should cost little more than
+// get_inventory itself. `rows` counts the lines, `last` is the last of them.
 bool CopyPage(const std::filesystem::path& payload, std::FILE* out, uint64_t& rows, std::string& last) {
     std::ifstream page(payload, std::ios::binary);
-    std::string block(1 << 20, '\0'), carry;
+    std::vector<char> block(1 << 20);
+    std::string tail;     // the line begun and not yet ended
+    bool heldCr = false;  // a CR ended the previous block: dropped if LF follows
     for (;;) {
         page.read(block.data(), static_cast<std::streamsize>(block.size()));
-        const size_t got = static_cast<size_t>(page.gcount());
-        if (got == 0) break;
-        std::string text = carry;
-        text.append(block.data(), got);
-        const size_t end = text.rfind('\n');
-        carry = end == std::string::npos ? text : text.substr(end + 1);
-        if (end == std::string::npos) continue;
-        size_t write = 0, lineStart = 0, lastStart = 0, lastLength = 0;
-        for (size_t read = 0; read <= end; ++read) {
-            if (text[read] == '\r' && read + 1 <= end && text[read + 1] == '\n') continue;
-            text[write++] = text[read];
-            if (text[read] == '\n') {
-                if (write - 1 > lineStart) {
-                    ++rows;
-                    lastStart = lineStart;
-                    lastLength = write - 1 - lineStart;
-                }
-                lineStart = write;
-            }
+        size_t length = static_cast<size_t>(page.gcount());
+        if (length == 0) break;
+        char* data = block.data();
+        if (heldCr && data[0] != '\n') {
+            if (std::fputc('\r', out) == EOF) return false;
+            tail += '\r';
         }
-        if (lastLength > 0) last.assign(text, lastStart, lastLength);
-        if (std::fwrite(text.data(), 1, write, out) != write) return false;
+        heldCr = false;
+        if (std::memchr(data, '\r', length) != nullptr) {
+            size_t kept = 0;
+            for (size_t read = 0; read < length; ++read) {
+                if (data[read] == '\r' && read + 1 == length) {
+                    heldCr = true;
+                    continue;
+                }
+                if (data[read] == '\r' && data[read + 1] == '\n') continue;
+                data[kept++] = data[read];
+            }
+            length = kept;
+        }
+        const char* const begin = data;
+        const char* const end = data + length;
+        const auto lines = static_cast<uint64_t>(std::count(begin, end, '\n'));
+        if (lines == 0) {
+            tail.append(data, length);
+        } else {
+            rows += lines;
+            const char* lastEnd = end - 1;
+            while (*lastEnd != '\n') --lastEnd;
+            const char* lastStart = lastEnd;
+            while (lastStart > data && lastStart[-1] != '\n') --lastStart;
+            if (lastStart == data && lines == 1)
+                last = tail + std::string(begin, lastEnd);
+            else
+                last.assign(lastStart, lastEnd);
+            tail.assign(lastEnd + 1, end);
+        }
+        if (std::fwrite(data, 1, length, out) != length) return false;
     }
-    if (!carry.empty()) {
+    if (heldCr) {
+        if (std::fputc('\r', out) == EOF) return false;
+        tail += '\r';
+    }
+    if (!tail.empty()) {
         ++rows;
-        last = carry;
-        carry.push_back('\n');
-        return std::fwrite(carry.data(), 1, carry.size(), out) == carry.size();
+        last = tail;
+        if (std::fputc('\n', out) == EOF) return false;
     }
     return true;
 }

@@ -33,6 +33,7 @@ struct ScanOptions {
     unsigned jobs = 0;
     bool allFiles = false;
     bool oneFileSystem = false;
+    bool sizes = false;  // the walk learns sizes, for the progress line's time left
 };
 
 // The engine's executable and script extensions (lower case): files named so
@@ -115,7 +116,10 @@ struct Tally {
     std::mutex mutex;  // guards skipped and the order of messages
     std::map<std::string, uint64_t> skipped;
     std::atomic<uint64_t> seen{0}, kept{0}, stored{0}, known{0}, failed{0};
-    std::atomic<uint64_t> bytesHashed{0}, bytesQueued{0}, filesHashed{0};
+    std::atomic<uint64_t> bytesHashed{0}, filesHashed{0};
+    // What the walk handed on and what the readers are through with, hashed
+    // or not: the progress line's time left.
+    std::atomic<uint64_t> filesQueued{0}, bytesQueued{0}, filesDone{0}, bytesDone{0};
     std::atomic<bool> walkDone{false};
 
     void Skip(const std::string& reason, const fs::path* named = nullptr, const std::string& detail = {}) {
@@ -125,16 +129,21 @@ struct Tally {
     }
 };
 
+struct Work {
+    fs::path path;
+    uint64_t size = 0;  // as the walk saw it; 0 when not asked for
+};
+
 // Bounded: the walk never runs far ahead of the readers.
 class WorkQueue {
 public:
-    void Push(fs::path path) {
+    void Push(Work path) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_space.wait(lock, [&] { return m_items.size() < 4096; });
         m_items.push_back(std::move(path));
         m_ready.notify_one();
     }
-    bool Pop(fs::path& path) {
+    bool Pop(Work& path) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_ready.wait(lock, [&] { return !m_items.empty() || m_closed; });
         if (m_items.empty()) return false;
@@ -152,18 +161,29 @@ public:
 private:
     std::mutex m_mutex;  // guards m_items and m_closed
     std::condition_variable m_ready, m_space;
-    std::deque<fs::path> m_items;
+    std::deque<Work> m_items;
     bool m_closed = false;
 };
 
 void Walk(const std::vector<fs::path>& roots, const ScanOptions& options, WorkQueue& queue, Tally& tally) {
+    const auto push = [&](const fs::path& path, const fs::directory_entry* entry) {
+        Work work{path, 0};
+        if (options.sizes) {
+            std::error_code error;
+            const uintmax_t size = entry ? entry->file_size(error) : fs::file_size(path, error);
+            if (!error) work.size = size;
+        }
+        ++tally.filesQueued;
+        tally.bytesQueued += work.size;
+        queue.Push(std::move(work));
+    };
     for (const fs::path& root : roots) {
         const uint64_t device = options.oneFileSystem ? host::DeviceOf(root) : 0;
         std::vector<fs::path> folders;
         std::error_code error;
         const fs::file_status rootStatus = fs::symlink_status(root, error);
         if (fs::is_regular_file(rootStatus)) {
-            queue.Push(root);
+            push(root, nullptr);
             continue;
         }
         folders.push_back(root);
@@ -197,7 +217,7 @@ void Walk(const std::vector<fs::path>& roots, const ScanOptions& options, WorkQu
                 } else if (!fs::is_regular_file(status)) {
                     tally.Skip("not a regular file");
                 } else {
-                    queue.Push(entry.path());
+                    push(entry.path(), &entry);
                 }
             }
             if (error) {
@@ -214,9 +234,18 @@ void Walk(const std::vector<fs::path>& roots, const ScanOptions& options, WorkQu
 void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set<uint64_t>& known, Tally& tally) {
     host::Digester digester;
     std::vector<uint8_t> buffer;
-    fs::path path;
+    Work work;
     const ZorvChar emptyRuleset[] = {0};
-    while (queue.Pop(path)) {
+    while (queue.Pop(work)) {
+        const fs::path& path = work.path;
+        struct Through {
+            Tally& tally;
+            uint64_t size;
+            ~Through() {
+                tally.bytesDone += size;
+                ++tally.filesDone;
+            }
+        } through{tally, work.size};
         std::string error;
         std::error_code status;
         if (!options.allFiles && !KeptByName(path)) {
@@ -284,6 +313,23 @@ void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set
     }
 }
 
+// Time left once the walk has counted everything: by bytes where the walk
+// knew sizes, else by files. Empty while it cannot be told.
+std::string TimeLeft(const Tally& tally, double seconds) {
+    if (!tally.walkDone || seconds < 1) return {};
+    const bool bySize = tally.bytesQueued > 0;
+    const double total = bySize ? double(tally.bytesQueued) : double(tally.filesQueued);
+    const double done = bySize ? double(tally.bytesDone) : double(tally.filesDone);
+    if (done <= 0 || done >= total) return {};
+    const auto left = static_cast<unsigned long long>((total - done) * seconds / done + 0.5);
+    char text[48];
+    if (left >= 3600)
+        std::snprintf(text, sizeof text, "%lluh%02llum left", left / 3600, left / 60 % 60);
+    else
+        std::snprintf(text, sizeof text, "%llu:%02llu left", left / 60, left % 60);
+    return text;
+}
+
 std::string Bytes(double bytes) {
     const char* units[] = {"B", "KB", "MB", "GB", "TB"};
     int unit = 0;
@@ -311,6 +357,8 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
                 return int(kExitError);
             }
             roots.push_back(root.lexically_normal());
+            if (options->oneFileSystem && host::DeviceOf(roots.back()) == 0)
+                PrintError(text, "its file system cannot be told; the scan may leave it");
         }
         host::EngineSession engine;
         if (!OpenEngine(common, engine)) return int(kExitError);
@@ -322,15 +370,17 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
             return int(kExitError);
         }
 
+        // Progress only on a terminal, redrawn in place on standard error.
+        const bool progress = !common.quiet && !common.json && host::IsTerminal(2);
+        options->sizes = progress;
         unsigned jobs = options->jobs ? options->jobs : std::max(1u, std::thread::hardware_concurrency());
         Tally tally;
         WorkQueue queue;
+        const auto readStarted = std::chrono::steady_clock::now();
         std::thread walker([&] { Walk(roots, *options, queue, tally); });
         std::vector<std::thread> readers;
         for (unsigned i = 0; i < jobs; ++i) readers.emplace_back([&] { Read(queue, *options, known, tally); });
 
-        // Progress only on a terminal, redrawn in place on standard error.
-        const bool progress = !common.quiet && !common.json && host::IsTerminal(2);
         std::atomic<bool> finished{false};
         std::thread painter;
         if (progress) {
@@ -340,10 +390,12 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
                     const double seconds =
                         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
                     const double rate = tally.bytesHashed / std::max(seconds, 0.001);
-                    std::fprintf(stderr, "\r\033[K%llu files, %s hashed, %s/s%s",
+                    const std::string left = TimeLeft(
+                        tally, std::chrono::duration<double>(std::chrono::steady_clock::now() - readStarted).count());
+                    std::fprintf(stderr, "\r\033[K%llu files, %s hashed, %s/s, %s",
                                  static_cast<unsigned long long>(tally.filesHashed.load()),
                                  Bytes(tally.bytesHashed).c_str(), Bytes(rate).c_str(),
-                                 tally.walkDone ? ", finishing" : ", walking");
+                                 !left.empty() ? left.c_str() : tally.walkDone ? "finishing" : "walking");
                 }
                 std::fprintf(stderr, "\r\033[K");
             });
