@@ -584,12 +584,26 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
 
 ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingName, std::u16string& value) {
     constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
+    // Decisions read settings (time-stamp mode) and must not wait for the
+    // writer: a read connection sees the last committed value beside it.
+    if (const ZorvReadConnections::Lease reader = m_readers.Acquire()) {
+        ZORV_LOG(kLogTrace, kFunction, u"GetAppControlState lock");
+        const SettingRead read = ReadAppControlStateFrom((*reader).setting, settingName, value);
+        ZORV_LOG(kLogTrace, kFunction, u"GetAppControlState unlock");
+        return read;
+    }
     const Statement held = m_pGetAcStateStmt;
     if (!held) {
         ZORV_LOG(kLogError, kFunction, u"m_pGetAcStateStmt is released");
         return SettingRead::Failed;
     }
     TracedLock lock(m_dbLock, kFunction, u"GetAppControlState lock", u"GetAppControlState unlock");
+    return ReadAppControlStateFrom(held, settingName, value);
+}
+
+ZorvDAL::SettingRead ZorvDAL::ReadAppControlStateFrom(const Statement& held, const std::u16string& settingName,
+                                                      std::u16string& value) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
     const StatementUse use(held);
     sqlite3_stmt* stmt = use.get();
     BindTextAsIs(stmt, ":setting", settingName);
@@ -602,7 +616,9 @@ ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingN
         // Not "absent": a caller that took it so would act on a value it never
         // read. The settings live in the same file as the rules, so this is the
         // store's health too (and logged once per change of it).
-        NoteStoreFault(kFunction, rc, u"Unable to read AppControl Setting " + settingName + u": " + GetErrorString());
+        const char* error = sqlite3_errstr(sqlite3_errcode(sqlite3_db_handle(stmt)));
+        NoteStoreFault(kFunction, rc,
+                       u"Unable to read AppControl Setting " + settingName + u": " + Utf8ToUtf16(error ? error : ""));
         return SettingRead::Failed;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));

@@ -108,6 +108,7 @@ bool ZorvReadConnections::Connect(Slot& slot) {
         {&lookups->sha1, dal::kLookupItemAlternateSHA1HashSql},
         {&lookups->md5, dal::kLookupItemAlternateMD5HashSql},
         {&lookups->any, dal::kLookupItemAuthSql},
+        {&lookups->setting, dal::kGetAcStateSql},
     };
     for (const auto& entry : statements) {
         sqlite3_stmt* stmt = nullptr;

@@ -1,5 +1,5 @@
 // ZorvReadConnections: read-only connections to ac.db for the inventory
-// lookup, so that decisions neither queue behind one another on the writer's
+// lookup and the settings a decision reads, so that decisions neither queue behind one another on the writer's
 // lock nor wait while an import, a flush or another process writes. WAL lets
 // these readers see the last committed state beside the one writer.
 //
@@ -33,6 +33,7 @@ public:
         std::shared_ptr<sqlite3_stmt> sha1;     // rules known only by SHA-1
         std::shared_ptr<sqlite3_stmt> md5;      // rules known only by MD5
         std::shared_ptr<sqlite3_stmt> any;      // SHA-256 and size, any source
+        std::shared_ptr<sqlite3_stmt> setting;  // one AppControlState value
     };
 
     class Lease {
