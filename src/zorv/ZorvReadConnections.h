@@ -5,7 +5,7 @@
 //
 // Thread-safe without a lock shared by every reader: a fixed row of slots,
 // each on its own cache line with its own busy flag; a thread starts at the
-// slot its id hashes to and takes the first free one. A connection is opened
+// slot of its number (ThreadSlot) and takes the first free one. A connection is opened
 // in its slot on first use and kept until Close. When no slot is free (more
 // threads than slots, all busy) or a connection cannot be opened, Acquire
 // answers empty and the caller reads through the writer as before.
