@@ -216,7 +216,7 @@ uint64_t ZorvDAL::StoreItem(EngineEvent& event) {
     // The exclusion check takes and releases the lock itself.
     if (IsFoundInTrustRules(3, event)) {
         ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItem", u"StoreItem exclude path: %s ", event.name);
-        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        ZorvStats::Instance().CountMetric(u"InventoryItemExcludedByTrustRule");
         return 0;
     }
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreItem", u"StoreItem lock", u"StoreItem unlock");
@@ -232,7 +232,7 @@ uint64_t ZorvDAL::StoreItem(const InventoryItemRecord& item) {
 uint64_t ZorvDAL::StoreItemBuffer(EngineEvent& event) {
     if (IsFoundInTrustRules(3, event)) {
         ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItemBuffer", u"StoreItemBuffer exclude path: %s ", event.name);
-        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        ZorvStats::Instance().CountMetric(u"InventoryItemExcludedByTrustRule");
         // An excluded item counts as handled for the buffered caller.
         return 1;
     }
@@ -272,7 +272,7 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
         // No extension, a digit in it or a known one all count as handled.
         if (!ExtensionTables().IsExecutableExtension(fileName, extension)) {
             ZorvStats::Instance().IncrementCounter(CounterCategory::InventoryUnknownExtensions, extension);
-            ZorvStats::Instance().IncrementMetric(u"TotalInventoryUnknownExtension");
+            ZorvStats::Instance().CountMetric(u"TotalInventoryUnknownExtension");
         }
     }
 
@@ -496,7 +496,7 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     // Declared after the lock so the reset happens before it is released.
     const StatementUse use(held);
     if (!m_prelinkOldHash.IsSet() || !event.fileSha256.IsSet()) {
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkNohash");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkNohash");
         return false;
     }
 
@@ -522,7 +522,7 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     const int rc = sqlite3_step(stmt);
     const int changed = rc == SQLITE_DONE ? sqlite3_changes(sqlite3_db_handle(stmt)) : 0;
     if (changed > 0) {
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUpdated");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkUpdated");
         if (changed > 1) {
             ZORV_LOG(kLogWarning, kFunction, u"Prelink updated more (%d) then we expected\n", changed);
         }
@@ -534,10 +534,10 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     EngineEvent probe = event;
     if (!IsAllowedInDBInternal(probe) || probe.dbVerdict == AC_DB_NOT_KNOWN) {
         ZORV_LOG(kLogTrace, kFunction, u"Unapproved %s %s %d", event.path, event.fileName, event.size);
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUnapproved");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkUnapproved");
     } else {
         StoreItemInternal(event, false);
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkApproved");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkApproved");
     }
     return probe.dbVerdict == AC_DB_ALLOWED;
 }
