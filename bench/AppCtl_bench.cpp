@@ -149,6 +149,12 @@ void Finish(benchmark::State& state, ThreadCpu& cpu, int64_t wrong, const char* 
 
 // ---- The engine -------------------------------------------------------------
 
+// Every start is a process of its own, as on a real host: a pid no earlier
+// start of any thread had, so the engine works out each one's type afresh.
+uint64_t StartPid(const benchmark::State& state, size_t start) {
+    return (static_cast<uint64_t>(state.thread_index() + 1) << 40) + start;
+}
+
 void BM_AppCtl_CacheHit(benchmark::State& state) {
     if (!Start(state)) return;
     // Each thread has the engine allow its own triple first, so every check hits.
@@ -187,7 +193,9 @@ void BM_AppCtl_ProcessStart_Inventory(benchmark::State& state) {
     for (const auto& probe : probes) app_ctl(nullptr, &probe->record, &result);
     ThreadCpu cpu(state);
     for (auto _ : state) {
-        app_ctl(nullptr, &probes[next++ % kProbes]->record, &result);
+        AppCtlEvent& start = probes[next % kProbes]->record;
+        start.pid = StartPid(state, next++);
+        app_ctl(nullptr, &start, &result);
         wrong += result.dbVerdict != AC_DB_ALLOWED || result.action != AC_DECISION_ALLOW;
     }
     Finish(state, cpu, wrong, "a start was not allowed by the inventory");
@@ -298,7 +306,9 @@ void BM_Ungated_ProcessStart_Inventory(benchmark::State& state) {
     for (const auto& probe : probes) AppCtlUngated(probe->record, result);
     ThreadCpu cpu(state);
     for (auto _ : state) {
-        AppCtlUngated(probes[next++ % kProbes]->record, result);
+        AppCtlEvent& start = probes[next % kProbes]->record;
+        start.pid = StartPid(state, next++);
+        AppCtlUngated(start, result);
         wrong += result.dbVerdict != AC_DB_ALLOWED || result.action != AC_DECISION_ALLOW;
     }
     Finish(state, cpu, wrong, "a start was not allowed by the inventory");
