@@ -32,6 +32,9 @@ std::optional<ZString> PathToZ(const std::filesystem::path& path);
 // A path for people and JSON: UTF-8.
 std::string PathToUtf8(const std::filesystem::path& path);
 
+// Appends one code point (at most U+10FFFF, not a surrogate) as UTF-8.
+void AppendUtf8(std::string& out, uint32_t code);
+
 std::string ToHex(const uint8_t* bytes, size_t length);
 // Exactly 2*length hex digits of either case, else false.
 bool FromHex(std::string_view hex, uint8_t* bytes, size_t length);
