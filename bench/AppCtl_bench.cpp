@@ -150,9 +150,11 @@ void Finish(benchmark::State& state, ThreadCpu& cpu, int64_t wrong, const char* 
 // ---- The engine -------------------------------------------------------------
 
 // Every start is a process of its own, as on a real host: a pid no earlier
-// start of any thread had, so the engine works out each one's type afresh.
+// start of any thread had, so the engine works out each one's type afresh,
+// handed out in turn as the system hands them out to starts that overlap.
 uint64_t StartPid(const benchmark::State& state, size_t start) {
-    return (static_cast<uint64_t>(state.thread_index() + 1) << 40) + start;
+    return 1000 + static_cast<uint64_t>(start) * static_cast<uint64_t>(state.threads()) +
+           static_cast<uint64_t>(state.thread_index());
 }
 
 void BM_AppCtl_CacheHit(benchmark::State& state) {
