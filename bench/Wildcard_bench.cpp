@@ -59,6 +59,16 @@ void BM_Wildcard_Limit_WideUnits(benchmark::State& state) {
     MatchCase(state, Repeat(u"*\u00e9*\u4e2d", kLimit, u"*z"), Repeat(u"\u00e9\u4e2d", kLongestPath));
 }
 
+// The widest automaton a list can need: a loop, then "**\" (a position of
+// its own after a '*'), then literals up to the limit, every one alive.
+void BM_Wildcard_Limit_EveryWordAlive(benchmark::State& state) {
+    MatchCase(state, u"***\\" + std::u16string(kLimit - 5, u'a') + u"b", std::u16string(kLongestPath, u'a'));
+}
+// Every word carries a '*', a "**\" and the position between them.
+void BM_Wildcard_Limit_LoopsInEveryWord(benchmark::State& state) {
+    MatchCase(state, Repeat(u"***\\" + std::u16string(61, u'a'), kLimit), std::u16string(kLongestPath, u'a'));
+}
+
 // The floor: reading every unit of the text once.
 void BM_Bare_ReadLongestPath(benchmark::State& state) {
     const std::u16string text(kLongestPath, u'a');
@@ -78,6 +88,8 @@ BENCHMARK(BM_Wildcard_Limit_QuestionsOverOneLevel)->Unit(benchmark::kMicrosecond
 BENCHMARK(BM_Wildcard_Limit_LevelsOverManyLevels)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Wildcard_Limit_ManyShortPatterns)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Wildcard_Limit_WideUnits)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Wildcard_Limit_EveryWordAlive)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Wildcard_Limit_LoopsInEveryWord)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -550,8 +550,11 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
         return false;
     }
     // Directories are stored both with and without their trailing separator;
-    // :path2 is the other spelling so that both are removed.
-    std::u16string otherSpelling = event.path;
+    // :path2 is the other spelling so that both are removed. The statement
+    // compares the stored path lowered, so both are bound lowered: a path as
+    // the host gave it (mixed case on Linux) would match nothing.
+    const std::u16string path = ToLower(event.path);
+    std::u16string otherSpelling = path;
     if (!otherSpelling.empty()) {
         const char16_t last = otherSpelling.back();
         if (last == u'\\' || last == u'/') {
@@ -566,7 +569,7 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
     const StatementUse use(held);
     sqlite3_stmt* stmt = use.get();
     BindTextAsIs(stmt, ":fileName", event.fileName);
-    BindTextAsIs(stmt, ":path", event.path);
+    BindTextAsIs(stmt, ":path", path);
     BindTextAsIs(stmt, ":path2", otherSpelling);
     if (sqlite3_step(stmt) != SQLITE_DONE) {
         ZORV_LOG(kLogWarning, kFunction, u"Unable to delete from any hash");

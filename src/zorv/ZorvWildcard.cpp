@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstring>
 
 namespace zorv {
 
@@ -9,86 +11,120 @@ namespace {
 
 bool IsSeparator(char16_t unit) { return unit == u'\\' || unit == u'/'; }
 
-enum Kind : uint8_t { kLiteral, kAnyOne, kAnyRun, kAnyLevels, kAccept };
+// What a position of the automaton does besides stepping on to the next one.
+enum Flag : uint8_t {
+    kStepUnit = 1,   // steps on one given unit
+    kStepAny = 2,    // steps on any unit that is not a separator ('?')
+    kLoop = 4,       // stays on any unit that is not a separator ('*')
+    kLevels = 8,     // "**\": comes back after every later separator
+    kEps = 16,       // is always accompanied by the next position
+    kStart = 32,
+    kAccept = 64,
+};
 
 size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
 
-// One step of the automaton over W words. S holds the positions reached; M
-// the "**\" elements whose current level has begun (inside a level they may
-// not end, so they live apart from S until the next separator).
-template <size_t W>
-bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept,
-         const uint64_t* anyRun, const uint64_t* anyLevels, const uint64_t* empty, const auto& row) {
-    // W == 0 is the general case: the size is known only at run time.
+// The automaton over W words (0: as many as `words` says). D holds the
+// positions reached, E every position reached at any time so far. From a
+// "**\" position any run of units ending in a separator leads back to it, so
+// every separator brings back the "**\" positions of E, however much text lies
+// between. A '*' is a loop on its position rather than a position of its own,
+// so no closure over runs of optional elements is needed: only a '*' directly
+// before "**\" keeps a second position, always reached with the first (eps).
+template <size_t W, bool kWithLevels, bool kWithEps>
+bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
+         const uint64_t* levels, const uint64_t* eps, const auto& row) {
     const size_t n = W == 0 ? words : W;
-    constexpr size_t kCap = W == 0 ? 64 : W;
-    std::array<uint64_t, kCap> s{}, m{};
+    // A list that fits has at most kMaxPatternUnits + 1 positions.
+    constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
+    std::array<uint64_t, kCap> d{}, e{};
 
-    // Positions after elements that may match nothing are reached too. Adding
-    // the reached ones to the runs of such elements carries a bit from each to
-    // the end of its run: (runs + reached) ^ runs marks every position from a
-    // reached one up to the one after its run. One pass, low word first.
-    uint64_t closeCarry = 0;
-    const auto close = [&](uint64_t reached, size_t w) {
-        const uint64_t runs = empty[w];
-        const uint64_t sum = runs + (reached & runs);
-        const uint64_t total = sum + closeCarry;
-        closeCarry = (sum < runs) | (total < sum);
-        return reached | (total ^ runs);
+    // Eps targets are never eps sources, so one pass carries every bit.
+    uint64_t epsCarry = 0;
+    const auto follow = [&](uint64_t next, size_t w) {
+        if constexpr (kWithEps) {
+            const uint64_t from = next & eps[w];
+            next |= (from << 1) | epsCarry;
+            epsCarry = from >> 63;
+        }
+        return next;
     };
-
-    for (size_t w = 0; w < n; ++w) s[w] = close(start[w], w);
-    for (const char16_t unit : text) {
-        // A row holds the positions the unit moves on: its literals, and for a
-        // unit that is not a separator, every '?' as well.
+    for (size_t w = 0; w < n; ++w) d[w] = follow(start[w], w);
+    const size_t size = text.size();
+    for (size_t i = 0; i < size; ++i) {
+        const char16_t unit = text[i];
+        // A row holds the positions the unit steps on from: its literals and,
+        // for a unit that is not a separator, every '?'.
         const uint64_t* moves = row(unit);
-        uint64_t alive = 0;
         uint64_t carry = 0;
-        closeCarry = 0;
+        uint64_t alive = 0;
+        epsCarry = 0;
         if (IsSeparator(unit)) {
-            // A separator ends every begun level of "**": back to its boundary.
+#pragma GCC unroll 8
             for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = s[w] & moves[w];
-                const uint64_t next = (moving << 1) | carry | (s[w] & anyLevels[w]) | m[w];
+                const uint64_t moving = d[w] & moves[w];
+                uint64_t next = (moving << 1) | carry;
                 carry = moving >> 63;
-                m[w] = 0;
-                s[w] = close(next, w);
+                if constexpr (kWithLevels) {
+                    e[w] |= d[w];
+                    next |= e[w] & levels[w];
+                }
+                next = follow(next, w);
+                d[w] = next;
                 alive |= next;
             }
         } else {
+#pragma GCC unroll 8
             for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = s[w] & moves[w];
-                const uint64_t next = (moving << 1) | carry | (s[w] & anyRun[w]);
+                const uint64_t moving = d[w] & moves[w];
+                uint64_t next = (moving << 1) | carry | (d[w] & loop[w]);
                 carry = moving >> 63;
-                m[w] = (s[w] | m[w]) & anyLevels[w];
-                s[w] = close(next, w);
-                alive |= next | m[w];
+                if constexpr (kWithLevels) e[w] |= d[w];
+                next = follow(next, w);
+                d[w] = next;
+                alive |= next;
             }
         }
-        if (alive == 0) return false;
+        if (alive == 0) {
+            // Nothing is reached until a separator brings a "**\" back, if ever.
+            if constexpr (!kWithLevels) {
+                return false;
+            } else {
+                uint64_t waiting = 0;
+                for (size_t w = 0; w < n; ++w) waiting |= e[w] & levels[w];
+                if (waiting == 0) return false;
+                size_t j = i + 1;
+                while (j < size && !IsSeparator(text[j])) ++j;
+                if (j == size) return false;
+                i = j - 1;
+            }
+        }
     }
     for (size_t w = 0; w < n; ++w) {
-        if ((s[w] & accept[w]) != 0) return true;
+        if ((d[w] & accept[w]) != 0) return true;
     }
     return false;
 }
 
 }  // namespace
 
-// Building state, on the stack: a pattern of n units yields at most n + 2
-// elements and an accepting position, so a list that fits has at most four
-// positions per unit.
+// Building state, on the stack: a pattern of n units yields at most n + 1
+// positions (one to start from, one after each unit that steps), so a list
+// that fits has at most kMaxPatternUnits + 1.
 struct WildcardPattern::Builder {
-    static constexpr size_t kMaxPositions = 4 * kMaxPatternUnits;
+    static constexpr size_t kMaxPositions = kMaxPatternUnits + 1;
     std::u16string exact;
-    std::array<uint8_t, kMaxPositions> kinds;
+    std::array<uint8_t, kMaxPositions> flags;
     std::array<char16_t, kMaxPositions> units;
-    std::array<uint16_t, kMaxPatternUnits> starts, accepts;
     size_t positions = 0;
-    size_t patterns = 0;
     bool wild = false;
 
     void Add(std::u16string_view pattern);
+    size_t Open(uint8_t flag) {
+        flags[positions] = flag;
+        units[positions] = 0;
+        return positions++;
+    }
 };
 
 void WildcardPattern::Builder::Add(std::u16string_view pattern) {
@@ -102,32 +138,31 @@ void WildcardPattern::Builder::Add(std::u16string_view pattern) {
     if (rewritten.size() >= 2 && rewritten.compare(rewritten.size() - 2, 2, u"**") == 0) rewritten += u"\\*";
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
-    const size_t first = positions;
-    starts[patterns] = static_cast<uint16_t>(first);
+    size_t at = Open(kStart);
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
-        Kind kind = kLiteral;
         if (unit == u'?') {
-            kind = kAnyOne;
-        } else if (unit == u'*') {
-            if (i + 2 < rewritten.size() && rewritten[i + 1] == u'*' && IsSeparator(rewritten[i + 2])) {
-                kind = kAnyLevels;
-                i += 2;
+            flags[at] |= kStepAny;
+            at = Open(0);
+        } else if (unit == u'*' && i + 2 < rewritten.size() && rewritten[i + 1] == u'*' && IsSeparator(rewritten[i + 2])) {
+            i += 2;
+            // "*" then "**\" is not "**\" then "*" (that one accepts anything):
+            // the levels need a position of their own after the loop.
+            if ((flags[at] & (kLoop | kLevels)) == kLoop) {
+                flags[at] |= kEps;
+                at = Open(kLevels);
             } else {
-                kind = kAnyRun;
+                flags[at] |= kLevels;
             }
+        } else if (unit == u'*') {
+            flags[at] |= kLoop;
+        } else {
+            flags[at] |= kStepUnit;
+            units[at] = unit;
+            at = Open(0);
         }
-        // Adjacent runs of '*' accept the same texts as one.
-        if (kind == kAnyRun && positions > first && kinds[positions - 1] == kAnyRun) continue;
-        kinds[positions] = kind;
-        units[positions] = unit;
-        ++positions;
     }
-    accepts[patterns] = static_cast<uint16_t>(positions);
-    kinds[positions] = kAccept;
-    units[positions] = 0;
-    ++positions;
-    ++patterns;
+    flags[at] |= kAccept;
 }
 
 WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
@@ -160,13 +195,13 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
     const size_t words = (positions + 63) / 64;
 
     // Row 0 serves units no literal names; separators always get rows of
-    // their own, since '?' never moves on them.
+    // their own, since '?' never steps on them.
     std::array<char16_t, Builder::kMaxPositions + 2> distinct;
     size_t count = 0;
     distinct[count++] = u'\\';
     distinct[count++] = u'/';
     for (size_t i = 0; i < positions; ++i) {
-        if (b.kinds[i] == kLiteral) distinct[count++] = b.units[i];
+        if ((b.flags[i] & kStepUnit) != 0) distinct[count++] = b.units[i];
     }
     std::sort(distinct.begin(), distinct.begin() + count);
     count = static_cast<size_t>(std::unique(distinct.begin(), distinct.begin() + count) - distinct.begin());
@@ -188,25 +223,25 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
     block.assign(rowsAt + (count + 1) * words, 0);
     uint64_t* const start = block.data() + masksAt;
     uint64_t* const accept = start + words;
-    uint64_t* const anyRun = accept + words;
-    uint64_t* const anyLevels = anyRun + words;
-    uint64_t* const empty = anyLevels + words;
+    uint64_t* const loop = accept + words;
+    uint64_t* const levels = loop + words;
+    uint64_t* const eps = levels + words;
     uint64_t* const rows = block.data() + rowsAt;
     const auto set = [](uint64_t* mask, size_t i) { mask[i / 64] |= uint64_t{1} << (i % 64); };
 
-    for (size_t p = 0; p < b.patterns; ++p) {
-        set(start, b.starts[p]);
-        set(accept, b.accepts[p]);
-    }
     std::array<uint64_t, (Builder::kMaxPositions + 63) / 64> anyOne{};
+    uint8_t seen = 0;
     for (size_t i = 0; i < positions; ++i) {
-        switch (b.kinds[i]) {
-            case kAnyOne: set(anyOne.data(), i); break;
-            case kAnyRun: set(anyRun, i); set(empty, i); break;
-            case kAnyLevels: set(anyLevels, i); set(empty, i); break;
-            default: break;
-        }
+        const uint8_t flag = b.flags[i];
+        seen |= flag;
+        if ((flag & kStart) != 0) set(start, i);
+        if ((flag & kAccept) != 0) set(accept, i);
+        if ((flag & kLoop) != 0) set(loop, i);
+        if ((flag & kLevels) != 0) set(levels, i);
+        if ((flag & kEps) != 0) set(eps, i);
+        if ((flag & kStepAny) != 0) set(anyOne.data(), i);
     }
+    compiled.m_features = seen & (kLevels | kEps);
 
     // distinct is sorted, so ASCII units take rows 1..128 and fit a byte.
     auto* const asciiRow = reinterpret_cast<uint8_t*>(block.data());
@@ -224,7 +259,7 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
         }
     }
     for (size_t i = 0; i < positions; ++i) {
-        if (b.kinds[i] != kLiteral) continue;
+        if ((b.flags[i] & kStepUnit) == 0) continue;
         const uint64_t* row = compiled.Row(b.units[i]);
         const size_t r = static_cast<size_t>(row - rows) / words;
         rows[r * words + i / 64] |= uint64_t{1} << (i % 64);
@@ -241,10 +276,15 @@ const uint64_t* WildcardPattern::Row(char16_t unit) const {
     if (unit < 128) return rows + reinterpret_cast<const uint8_t*>(m_block.data())[unit] * size_t{m_words};
     if (m_otherSlots == 0) return rows;
     constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const auto* const table = reinterpret_cast<const unsigned char*>(m_block.data() + kAsciiWords);
     const size_t mask = m_otherSlots - 1;
     for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
-        const uint64_t entry = m_block[kAsciiWords + slot / 2] >> (32 * (slot % 2));
-        const size_t row = (entry >> 16) & 0xFFFF;
+        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
+        // host, simply the s-th 32-bit value of the table.
+        static_assert(std::endian::native == std::endian::little);
+        uint32_t entry;
+        std::memcpy(&entry, table + 4 * slot, sizeof entry);
+        const size_t row = entry >> 16;
         if (row == 0) return rows;
         if (static_cast<char16_t>(entry) == unit) return rows + row * m_words;
     }
@@ -259,23 +299,25 @@ bool WildcardPattern::Match(std::u16string_view text) const {
     }
     if (m_words == 0) return false;
     const auto row = [this](char16_t unit) { return Row(unit); };
-    const uint64_t* const start = m_block.data() + m_rowsAt - 5 * size_t{m_words};
-    const uint64_t* masks[] = {start, start + m_words, start + 2 * m_words, start + 3 * m_words,
-                               start + 4 * m_words};
-    switch (m_words) {
+    const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
+    const size_t w = m_words;
+    // Most lists have neither "**\" nor a '*' before one; they skip that work.
+    const auto run = [&]<bool kLevels, bool kEps>() {
+        switch (w) {
 #define ZORV_WILDCARD_WORDS(W) \
-    case W: return Run<W>(text, W, masks[0], masks[1], masks[2], masks[3], masks[4], row);
-        ZORV_WILDCARD_WORDS(1)
-        ZORV_WILDCARD_WORDS(2)
-        ZORV_WILDCARD_WORDS(3)
-        ZORV_WILDCARD_WORDS(4)
-        ZORV_WILDCARD_WORDS(5)
-        ZORV_WILDCARD_WORDS(6)
-        ZORV_WILDCARD_WORDS(7)
-        ZORV_WILDCARD_WORDS(8)
+    case W: return Run<W, kLevels, kEps>(text, W, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+            ZORV_WILDCARD_WORDS(1)
+            ZORV_WILDCARD_WORDS(2)
+            ZORV_WILDCARD_WORDS(3)
+            ZORV_WILDCARD_WORDS(4)
+            ZORV_WILDCARD_WORDS(5)
 #undef ZORV_WILDCARD_WORDS
-        default: return Run<0>(text, m_words, masks[0], masks[1], masks[2], masks[3], masks[4], row);
-    }
+            default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+        }
+    };
+    if ((m_features & kEps) != 0) return run.template operator()<true, true>();
+    if ((m_features & kLevels) != 0) return run.template operator()<true, false>();
+    return run.template operator()<false, false>();
 }
 
 }  // namespace zorv

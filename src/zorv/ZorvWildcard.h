@@ -10,10 +10,12 @@
 //
 // Matching runs every pattern of the list at once as one automaton whose
 // states are bits of a few machine words: one pass over the text, a handful
-// of word operations per unit, whatever the pattern. The cost is therefore
-// linear in the text and in the list's length over 64; `kMaxPatternUnits`
-// bounds the latter so that the worst case stays small even against the
-// longest path Windows accepts.
+// of word operations per unit, whatever the pattern. Positions are the points
+// between units that step ('?' and literals); a '*' or "**\" is a loop on the
+// position it follows, not a position of its own, so a list that fits needs
+// at most five words. The cost is linear in the text and in the list's length
+// over 64; `kMaxPatternUnits` bounds the latter so that the worst case stays
+// small even against the longest path Windows accepts.
 //
 // A compiled pattern is immutable: Match may run on many threads at once.
 #pragma once
@@ -63,14 +65,17 @@ private:
     //   - a 128-byte row index for ASCII units,
     //   - an open-addressed table of other units, two 32-bit slots a word
     //     (unit in the low half, row in the high half; row 0 marks a free slot),
-    //   - the masks start, accept, anyRun, anyLevels, empty, m_words each,
-    //   - the literal rows, m_words each; row 0 is all zero.
+    //   - the masks start, accept, loop ('*'), levels ("**\\") and eps
+    //     (positions always accompanied by the next), m_words each,
+    //   - the step rows, m_words each; row 0 serves every unit no literal names.
     // Bit i of each mask describes the automaton's position i. Positions are
-    // the elements of every pattern in turn, each followed by its accepting one.
+    // those of every pattern in turn, each pattern's last one accepting.
     std::vector<uint64_t> m_block;
     uint16_t m_words = 0;
     uint16_t m_otherSlots = 0;
     uint16_t m_rowsAt = 0;
+    // Which of the costlier loops (levels, eps) the list has at all.
+    uint8_t m_features = 0;
 };
 
 }  // namespace zorv

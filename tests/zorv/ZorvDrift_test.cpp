@@ -89,5 +89,22 @@ TEST_F(ZorvDrift, RenameAndDeleteChangeTheInventoryOnlyDuringMaintenance) {
     }
 }
 
+// The store compares its paths lowered; a host that gives the directory as it
+// is on disk (capitals and all) must still retire the rows of that directory.
+TEST_F(ZorvDrift, DeleteRetiresItemsWhateverTheCaseOfTheirDirectory) {
+    AddItem(0xF1, 4096, AC_SOURCE_SCANNED, 1, "Tool.exe", "C:\\Apps\\Bin");
+    AddItem(0xF2, 4096, AC_SOURCE_SCANNED, 1, "Tool.exe", "c:\\apps\\bin\\");
+    AddItem(0xF3, 4096, AC_SOURCE_SCANNED, 1, "tool.exe", "C:\\Apps\\Bin");
+    PluginEvent remove;
+    remove.type = AC_OP_DELETE;
+    remove.name = u"C:\\Apps\\Bin\\Tool.exe";
+    AppControlConfig::Instance().SetMaintenanceMode(true);
+    uint32_t status = 0;
+    Run(remove, &status);
+    EXPECT_EQ(status, AC_OK);
+    EXPECT_EQ(ItemCount("fileName = 'Tool.exe'"), 0) << "both spellings of the directory, any case";
+    EXPECT_EQ(ItemCount("fileName = 'tool.exe'"), 1) << "the file name itself is compared as given";
+}
+
 }  // namespace
 }  // namespace zorv

@@ -129,6 +129,44 @@ TEST(Wildcard, AgreesWithThePlainDefinitionOnRandomPatternsAndLists) {
     EXPECT_GT(matches, 1000);
 }
 
+TEST(Wildcard, AgreesWithThePlainDefinitionOnWideUnitsAndRunsOfStars) {
+    // Pieces rather than single units, so that "**\", "***\" and "*?*" runs
+    // come often; non-ASCII units, lone surrogates and both separators take
+    // the hashed rows; lists up to the limit fill every word of the automaton.
+    const std::vector<std::u16string> pieces{u"*", u"?", u"**\\", u"**/", u"***\\", u"**", u"\\", u"/", u"a", u"b",
+                                             u"\u00e9", u"\u4e2d", u"\xd800", u"\xdc00", u"ab", u"a\\"};
+    const std::u16string units = u"ab\\/\u00e9\u4e2d\xd800\xdc00";
+    uint32_t seed = 777;
+    const auto next = [&seed](uint32_t bound) {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 8) % bound;
+    };
+    int matches = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<std::u16string> patterns(1 + next(round % 5 == 0 ? 40 : 3));
+        std::u16string list;
+        for (auto& pattern : patterns) {
+            const size_t count = next(7);
+            for (size_t k = 0; k < count; ++k) pattern += pieces[next(static_cast<uint32_t>(pieces.size()))];
+            if (list.size() + pattern.size() + 1 > WildcardPattern::kMaxPatternUnits) pattern.clear();
+            if (!list.empty()) list += u';';
+            list += pattern;
+        }
+        ASSERT_TRUE(WildcardPattern::Fits(list));
+        const WildcardPattern compiled = WildcardPattern::CompileList(list);
+        for (int t = 0; t < 10; ++t) {
+            std::u16string text;
+            const size_t length = next(16);
+            for (size_t k = 0; k < length; ++k) text += units[next(static_cast<uint32_t>(units.size()))];
+            bool expected = false;
+            for (const auto& pattern : patterns) expected = expected || (!pattern.empty() && Reference(text, pattern));
+            ASSERT_EQ(compiled.Match(text), expected) << test::U8(text) << " ~ " << test::U8(list);
+            matches += expected ? 1 : 0;
+        }
+    }
+    EXPECT_GT(matches, 1500);
+}
+
 TEST(RulePathList, EachNonEmptyPatternIsTriedAfterLowerCasing) {
     EXPECT_TRUE(ZorvDAL::MatchEventPathWithRulePath(u"C:\\Tools\\A.EXE", u"d:\\*;;C:\\TOOLS\\*"));
     EXPECT_FALSE(ZorvDAL::MatchEventPathWithRulePath(u"c:\\x.exe", u";;"));

@@ -110,7 +110,7 @@ bool LoadConfig(const std::string& path, bool missingIsDefault, Config& out, std
                       ReadAnswer(table, "on_error", config.onError, &config.onErrorSet, error) &&
                       ReadCount(table, "workers", 1, 256, config.workers, error) &&
                       ReadCount(table, "digest_cache_entries", 16, 16u << 20, config.digestCacheEntries, error) &&
-                      ReadCount(table, "queue_entries", 16, 1u << 20, config.queueEntries, error) &&
+                      ReadCount(table, "queue_entries", 1, 1u << 20, config.queueEntries, error) &&
                       ReadText(table, "log", config.log, error) && ReadText(table, "log_level", config.logLevel, error) &&
                       ReadText(table, "trust_rules", config.trustRules, error);
     if (!good) {

@@ -69,6 +69,9 @@ int64_t NowNs() {
 namespace {
 
 constexpr uint64_t kPermissionMask = FAN_OPEN_PERM | FAN_OPEN_EXEC_PERM | FAN_ACCESS_PERM;
+// The programs of recent processes, for the close-writes of those already gone.
+constexpr size_t kProgramEntries = 16384;
+constexpr int64_t kProgramKeptNs = 10'000'000'000LL;
 
 int64_t TimeNs(const struct timespec& time) { return time.tv_sec * 1000000000LL + time.tv_nsec; }
 
@@ -480,14 +483,18 @@ bool Daemon::SetupFanotify() {
         bool seen = false;
         for (const Watched& watched : m_watched) seen = seen || watched.dev == status.st_dev;
         if (seen) continue;
-        if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD, path.c_str()) != 0) {
-            Log(Level::Error, "cannot watch %s: %s", path.c_str(), std::strerror(errno));
-            return false;
-        }
         Watched watched;
         watched.path = path;
         watched.dev = status.st_dev;
-        watched.fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        // Resolves the directory handles of deletes and renames: an O_PATH
+        // descriptor is refused there. Opened before the mark, which nobody
+        // answers yet.
+        watched.fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, mask, AT_FDCWD, path.c_str()) != 0) {
+            Log(Level::Error, "cannot watch %s: %s", path.c_str(), std::strerror(errno));
+            if (watched.fd >= 0) close(watched.fd);
+            return false;
+        }
         struct statfs filesystem {};
         if (statfs(path.c_str(), &filesystem) == 0) std::memcpy(&watched.fsid, &filesystem.f_fsid, sizeof watched.fsid);
         m_watched.push_back(watched);
@@ -575,7 +582,9 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
     {
         std::lock_guard<std::mutex> hold(m_kindMutex);
         const auto found = m_kinds.find(id);
-        if (found != m_kinds.end() && found->second.ctimeNs == ctime) return found->second.kind;
+        if (found != m_kinds.end() && found->second.ctimeNs == ctime && found->second.mtimeNs == TimeNs(status.st_mtim) &&
+            found->second.size == status.st_size)
+            return found->second.kind;
     }
     unsigned char head[18] = {};
     ssize_t got;
@@ -593,8 +602,8 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
         kind = FileKind::Script;
     }
     std::lock_guard<std::mutex> hold(m_kindMutex);
-    if (m_kinds.size() >= 4 * static_cast<size_t>(m_config.digestCacheEntries)) m_kinds.clear();
-    m_kinds[id] = KindEntry{ctime, kind};
+    if (m_kinds.size() >= static_cast<size_t>(m_config.digestCacheEntries)) m_kinds.clear();
+    m_kinds[id] = KindEntry{ctime, TimeNs(status.st_mtim), status.st_size, kind};
     return kind;
 }
 
@@ -606,12 +615,18 @@ std::string Daemon::ProgramOf(pid_t pid) {
     const int64_t now = NowNs();
     std::lock_guard<std::mutex> hold(m_programMutex);
     if (!program.empty()) {
-        if (m_programs.size() >= 16384) m_programs.clear();
+        // Room is made by forgetting what was seen a while ago, never all at
+        // once: a writer that has just exited must still be found.
+        if (m_programs.size() >= kProgramEntries) {
+            for (auto it = m_programs.begin(); it != m_programs.end();)
+                it = now - it->second.seenNs > kProgramKeptNs ? m_programs.erase(it) : std::next(it);
+            if (m_programs.size() >= kProgramEntries) m_programs.clear();
+        }
         m_programs[pid] = ProgramEntry{program, now};
         return program;
     }
     const auto found = m_programs.find(pid);
-    if (found != m_programs.end() && now - found->second.seenNs < 30'000'000'000LL) return found->second.program;
+    if (found != m_programs.end() && now - found->second.seenNs < kProgramKeptNs) return found->second.program;
     return {};
 }
 
@@ -767,10 +782,10 @@ void Daemon::HandleWrite(int fd, pid_t pid) {
     }
 }
 
-void Daemon::WaitForPendingWrite(const FileId& id, int64_t deadlineNs) {
+bool Daemon::WaitForPendingWrite(const FileId& id, int64_t deadlineNs) {
     std::unique_lock<std::mutex> hold(m_pendingMutex);
     const auto until = std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadlineNs));
-    m_pendingDone.wait_until(hold, until, [&] { return m_stopping || m_pendingWrites.count(id) == 0; });
+    return m_pendingDone.wait_until(hold, until, [&] { return m_stopping || m_pendingWrites.count(id) == 0; });
 }
 
 void Daemon::FinishPendingWrite(const FileId& id) {
@@ -808,8 +823,13 @@ void Daemon::Decide(Job& job) {
     PermissionEvent& event = *job.event;
     if (event.answered) return;  // the watchdog got there first
     // An exec right after a write waits for that write's judgement, so a file
-    // a trusted updater has just written is known when it starts.
-    WaitForPendingWrite(job.id, event.deadlineNs - static_cast<int64_t>(m_deadlineMs.load()) * 250000);
+    // a trusted updater has just written is known when it starts. Judged
+    // before that, the new content would be unknown and refused; a judgement
+    // still missing at the deadline gets the deadline's answer instead.
+    if (!WaitForPendingWrite(job.id, event.deadlineNs)) {
+        AnswerAtDeadline(event);
+        return;
+    }
     struct stat status {};
     Digests digests{};
     if (fstat(event.fd, &status) != 0 || !DigestsOf(event.fd, job.id, status, digests)) {
@@ -900,6 +920,11 @@ void Daemon::JudgeWrite(Job& job) {
     texts.Attach(record);
     AppCtlResult result{};
     app_ctl(nullptr, &record, &result);
+    // The engine learns an item beside its decision, on a writer thread of
+    // its own; an exec waiting for this judgement must find the item stored.
+    if (result.isAuthorized == AC_REASON_TRUSTED || result.isAuthorized == AC_REASON_MAINTENANCE ||
+        result.isAuthorized == AC_REASON_APPROVED)
+        flush_db_buffer();
 }
 
 void Daemon::NotifyLoop() {
@@ -991,6 +1016,14 @@ void Daemon::NotifyLoop() {
     }
 }
 
+void Daemon::AnswerAtDeadline(PermissionEvent& event) {
+    if (!Respond(event, m_config.onDeadline == Answer::Allow, m_config.onDeadline == Answer::Deny)) return;
+    const uint64_t count = m_counters.deadline.fetch_add(1) + 1;
+    Log(Level::Warning, "no decision for pid %d within %u ms: answered %s (deadline answers: %llu)", event.pid,
+        m_deadlineMs.load(), m_config.onDeadline == Answer::Allow ? "allow" : "deny",
+        static_cast<unsigned long long>(count));
+}
+
 void Daemon::WatchdogLoop() {
     while (!m_stopping) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -1004,14 +1037,7 @@ void Daemon::WatchdogLoop() {
                 it = m_inflight.erase(it);
             }
         }
-        for (const auto& event : late) {
-            if (Respond(*event, m_config.onDeadline == Answer::Allow, m_config.onDeadline == Answer::Deny)) {
-                const uint64_t count = m_counters.deadline.fetch_add(1) + 1;
-                Log(Level::Warning, "no decision for pid %d within %u ms: answered %s (deadline answers: %llu)",
-                    event->pid, m_deadlineMs.load(), m_config.onDeadline == Answer::Allow ? "allow" : "deny",
-                    static_cast<unsigned long long>(count));
-            }
-        }
+        for (const auto& event : late) AnswerAtDeadline(*event);
         if (m_maintenanceUntilNs != 0 && now >= m_maintenanceUntilNs) {
             std::lock_guard<std::mutex> hold(m_policyMutex);
             m_maintenanceUntilNs = 0;

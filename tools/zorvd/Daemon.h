@@ -163,10 +163,12 @@ private:
     void Decide(Job& job);
     void JudgeWrite(Job& job);
     bool Respond(PermissionEvent& event, bool allow, bool audit);
+    void AnswerAtDeadline(PermissionEvent& event);
     void AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id);
     FileKind Classify(int fd, const struct stat& status);
     bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out);
-    void WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
+    // False when the write is still unjudged at the deadline.
+    bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
     void FinishPendingWrite(const FileId& id);
     std::string ProgramOf(pid_t pid);
     bool IsIgnored(const std::string& path) const;
@@ -208,8 +210,12 @@ private:
     std::unordered_map<FileId, int, FileIdHash> m_pendingWrites;
 
     std::mutex m_kindMutex;
+    // Keyed by size and both times as well: where times are coarse, a file
+    // created empty and written at once keeps its change time.
     struct KindEntry {
         int64_t ctimeNs;
+        int64_t mtimeNs;
+        off_t size;
         FileKind kind;
     };
     std::unordered_map<FileId, KindEntry, FileIdHash> m_kinds;

@@ -24,6 +24,7 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sqlite3.h>
 
 namespace {
 
@@ -45,21 +46,25 @@ std::string Digest(const fs::path& file, const EVP_MD* kind) {
     return hex;
 }
 
-// Runs argv with a bounded wait; a child still running at the limit is
-// killed and reported as -1. An exec the kernel refuses exits 126.
-int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::vector<std::string>& env = {}) {
+pid_t Spawn(const std::vector<std::string>& argv, const std::string& output = "/dev/null") {
     const pid_t child = fork();
     if (child == 0) {
-        for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);
-        const int devnull = open("/dev/null", O_WRONLY);
-        dup2(devnull, 1);
-        dup2(devnull, 2);
+        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(out, 1);
+        dup2(out, 2);
         execv(args[0], args.data());
         _exit(errno == EPERM || errno == EACCES ? 126 : 127);
     }
+    return child;
+}
+
+// Runs argv with a bounded wait; a child still running at the limit is
+// killed and reported as -1. An exec the kernel refuses exits 126.
+int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::string& output = "/dev/null") {
+    const pid_t child = Spawn(argv, output);
     const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
@@ -98,13 +103,17 @@ protected:
         if (!m_root.empty()) fs::remove_all(m_root, ignored);
     }
 
-    // Starts the daemon and waits (bounded) until its socket answers.
-    void StartDaemon(const std::string& mode, const std::string& extra = "", const std::vector<std::string>& env = {}) {
-        std::ofstream(m_root / "zorvd.toml") << "mode = \"" << mode << "\"\nstore = \"" << (m_root / "state/ac.db").string()
+    void WriteConfig(const std::string& mode, const std::string& extra) {
+        std::ofstream(m_root / "zorvd.toml") << "mode = \"" << mode << "\"\nstore = \"" << Store()
                                              << "\"\nsocket = \"" << Socket() << "\"\nwatch = [\"" << m_mount.string()
                                              << "\"]\nlog = \"" << (m_root / "zorvd.log").string()
                                              << "\"\ntrust_rules = \"" << (m_root / "trust.json").string() << "\"\n"
                                              << extra;
+    }
+
+    // Starts the daemon and waits (bounded) until its socket answers.
+    void StartDaemon(const std::string& mode, const std::string& extra = "", const std::vector<std::string>& env = {}) {
+        WriteConfig(mode, extra);
         m_daemon = fork();
         if (m_daemon == 0) {
             for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
@@ -142,6 +151,35 @@ protected:
     }
 
     std::string Socket() const { return (m_root / "state/zorvd.sock").string(); }
+    std::string Store() const { return (m_root / "state/ac.db").string(); }
+
+    // Polls `done` every 20 ms for up to five seconds.
+    template <typename Done>
+    static bool Eventually(Done done) {
+        for (const auto until = Clock::now() + std::chrono::seconds(5); Clock::now() < until;
+             std::this_thread::sleep_for(std::chrono::milliseconds(20)))
+            if (done()) return true;
+        return done();
+    }
+
+    // The file names of the inventory's items below the test mount, read
+    // from the store beside the running daemon.
+    std::vector<std::string> InventoryNames() const {
+        std::vector<std::string> names;
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(Store().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+            sqlite3_busy_timeout(db, 2000);
+            sqlite3_stmt* stmt = nullptr;
+            const std::string sql = "SELECT fileName FROM InventoryItems WHERE path LIKE '" + m_mount.string() +
+                                    "%' ORDER BY fileName";
+            if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK)
+                while (sqlite3_step(stmt) == SQLITE_ROW)
+                    names.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
+            sqlite3_finalize(stmt);
+        }
+        sqlite3_close(db);
+        return names;
+    }
 
     std::string LogText() const {
         std::ifstream in(m_root / "zorvd.log");
@@ -167,17 +205,29 @@ protected:
         return reply;
     }
 
+    // A number of the daemon's status; "events.exec" reaches into an object.
     double StatusNumber(const std::string& key) const {
         std::unique_ptr<cJSON, decltype(&cJSON_Delete)> doc(cJSON_Parse(Request("{\"command\":\"status\"}").c_str()),
                                                             cJSON_Delete);
-        const cJSON* value = doc ? cJSON_GetObjectItemCaseSensitive(doc.get(), key.c_str()) : nullptr;
+        const cJSON* value = doc.get();
+        for (size_t at = 0; value != nullptr && at <= key.size();) {
+            const size_t dot = std::min(key.find('.', at), key.size());
+            value = cJSON_GetObjectItemCaseSensitive(value, key.substr(at, dot - at).c_str());
+            at = dot + 1;
+        }
         return cJSON_IsNumber(value) ? value->valuedouble : -1;
+    }
+
+    int Zorv(const std::vector<std::string>& args, const std::string& output = "/dev/null") {
+        std::vector<std::string> argv = {ZORV_PROGRAM, "--socket", Socket()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return RunProgram(argv, 10000, output);
     }
 
     // Puts files on the allow list through the daemon's live engine. Their
     // digests are read from a copy off the mount: under enforce, reading an
     // unknown program on it is refused like loading it.
-    void Inventory(const std::vector<std::pair<fs::path, fs::path>>& files) {
+    void Inventory(const std::vector<std::pair<fs::path, fs::path>>& files, bool append = true) {
         std::string rules;
         for (const auto& [onMount, file] : files) {
             rules += std::string(rules.empty() ? "" : ",") + "{\"fileName\":\"" + onMount.filename().string() +
@@ -187,9 +237,9 @@ protected:
         }
         const fs::path ruleset = m_root / "items.json";
         std::ofstream(ruleset) << "{\"rules\":[" << rules << "]}";
-        ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "import", ruleset.string(), "--name", "test-items",
-                              "--append"}),
-                  0);
+        std::vector<std::string> args = {"import", ruleset.string(), "--name", "test-items"};
+        if (append) args.push_back("--append");
+        ASSERT_EQ(Zorv(args), 0);
     }
 
     fs::path Copy(const fs::path& from, const std::string& name) {
@@ -217,7 +267,7 @@ TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
     EXPECT_EQ(RunProgram({unknown}), 126);
     EXPECT_NE(LogText().find("deny exec " + unknown.string()), std::string::npos);
 
-    ASSERT_EQ(RunProgram({ZORV_PROGRAM, "--socket", Socket(), "mode", "log-only"}), 0);
+    ASSERT_EQ(Zorv({"mode", "log-only"}), 0);
     EXPECT_EQ(RunProgram({unknown}), 0);
     const std::string metrics = Request("{\"command\":\"metrics\"}");
     EXPECT_NE(metrics.find("\"RunAllowedLogOnly\":1"), std::string::npos) << metrics;
@@ -330,6 +380,93 @@ TEST_F(Zorvd, ControlSocketRefusesANonRootClient) {
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
     EXPECT_NE(Request("{\"command\":\"status\"}").find("\"mode\":\"log-only\""), std::string::npos);
+}
+
+TEST_F(Zorvd, DeletesAndRenamesOnTheMountReachTheInventory) {
+    StartDaemon("log-only");
+    ASSERT_EQ(Zorv({"maintenance", "--for", "10m"}), 0);
+    // Written in a maintenance window, the three are learned. Their directory
+    // is in mixed case, as Linux paths may be.
+    fs::create_directory(m_mount / "Dir");
+    Copy("/usr/bin/true", "Dir/kept");
+    const fs::path renamed = Copy("/usr/bin/true", "Dir/renamed");
+    const fs::path deleted = Copy("/usr/bin/false", "Dir/deleted");
+    const std::vector<std::string> learned = {"deleted", "kept", "renamed"};
+    ASSERT_TRUE(Eventually([&] { return InventoryNames() == learned; })) << ::testing::PrintToString(InventoryNames());
+
+    fs::rename(renamed, m_mount / "Dir/moved");
+    fs::remove(deleted);
+    const std::vector<std::string> after = {"kept", "moved"};
+    EXPECT_TRUE(Eventually([&] { return InventoryNames() == after; })) << ::testing::PrintToString(InventoryNames());
+    EXPECT_EQ(StatusNumber("events.rename"), 1);
+    EXPECT_EQ(StatusNumber("events.delete"), 1);
+}
+
+TEST_F(Zorvd, HangupReloadsTheMode) {
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    StartDaemon("enforce");
+    const struct {
+        const char* mode;
+        int exitStatus;
+    } steps[] = {{"log-only", 0}, {"enforce", 126}, {"log-only", 0}};
+    for (const auto& step : steps) {
+        WriteConfig(step.mode, "");
+        ASSERT_EQ(kill(m_daemon, SIGHUP), 0);
+        const std::string wanted = std::string("\"mode\":\"") + step.mode + "\"";
+        ASSERT_TRUE(Eventually([&] { return Request("{\"command\":\"status\"}").find(wanted) != std::string::npos; }))
+            << step.mode << "\n" << LogText();
+        EXPECT_EQ(RunProgram({unknown}), step.exitStatus) << step.mode;
+    }
+}
+
+TEST_F(Zorvd, PsListsARunningProgramTheNewRulesNoLongerAllow) {
+    const fs::path sleeper = Copy("/usr/bin/sleep", "sleeper");
+    const fs::path other = Copy("/usr/bin/true", "other");
+    StartDaemon("enforce");
+    Inventory({{sleeper, "/usr/bin/sleep"}});
+    const pid_t running = Spawn({sleeper, "30"});
+    ASSERT_TRUE(Eventually([&] {
+        std::error_code ignored;
+        return fs::read_symlink("/proc/" + std::to_string(running) + "/exe", ignored) == sleeper;
+    }));
+    const std::string listing = (m_root / "ps.txt").string();
+    const auto listed = [&] {
+        EXPECT_EQ(Zorv({"ps"}, listing), 0);
+        std::ifstream in(listing);
+        const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        return text.find(std::to_string(running) + "  unknown  root  " + sleeper.string()) != std::string::npos;
+    };
+    EXPECT_FALSE(listed());
+    Inventory({{other, "/usr/bin/true"}}, false);  // the ruleset now holds another program only
+    EXPECT_TRUE(listed());
+    EXPECT_EQ(waitpid(running, nullptr, WNOHANG), 0) << "ps must not touch the process";
+    kill(running, SIGKILL);
+    waitpid(running, nullptr, 0);
+}
+
+// One worker held up by a slow engine and a queue of one: further execs are
+// answered without the engine, an inventoried program still allowed from the
+// digest cache, an unknown one given the deadline's answer.
+TEST_F(Zorvd, FullQueueStillAllowsInventoriedPrograms) {
+    const fs::path known = Copy("/usr/bin/true", "known");
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    std::ofstream(unknown, std::ios::binary | std::ios::app) << '\n';
+    StartDaemon("enforce", "workers = 1\nqueue_entries = 1\ndeadline_ms = 20000\non_deadline = \"deny\"\n",
+                {"ZORVD_FAULT_STALL_MS=1500"});
+    Inventory({{known, "/usr/bin/true"}});
+    ASSERT_EQ(RunProgram({known}), 0);
+    const pid_t inWorker = Spawn({unknown});
+    ASSERT_TRUE(Eventually([&] { return StatusNumber("events.exec") == 2 && StatusNumber("queue_depth") == 0; }));
+    const pid_t queued = Spawn({unknown});
+    ASSERT_TRUE(Eventually([&] { return StatusNumber("queue_depth") == 1; }));
+    EXPECT_EQ(RunProgram({known}, 1000), 0);
+    EXPECT_EQ(RunProgram({unknown}, 1000), 126);
+    EXPECT_EQ(StatusNumber("overflow_answers"), 2);
+    for (const pid_t child : {inWorker, queued}) {
+        int status = 0;
+        EXPECT_TRUE(Eventually([&] { return waitpid(child, &status, WNOHANG) == child; }));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 126) << "status " << status;
+    }
 }
 
 }  // namespace
