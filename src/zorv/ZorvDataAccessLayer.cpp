@@ -153,7 +153,6 @@ constexpr char kLookupTrustRuleIDsSql[] = "SELECT trustRuleId FROM TrustRules;";
 constexpr char kDeleteInventoryItemsSql[] =
     "DELETE FROM InventoryItems WHERE (fileName = :fileName) AND (LOWER(path) IN (:path,:path2)) AND (source = 3 OR "
     "source = 4);";
-constexpr char kGetAcStateSql[] = "SELECT settingValue FROM AppControlState WHERE (settingName = :setting);";
 constexpr char kSetAcStateSql[] = "UPDATE AppControlState SET settingValue = :value WHERE (settingName = :setting);";
 
 // "20261124T031500Z": the moment a newer store was moved aside, in UTC.
@@ -431,7 +430,7 @@ bool ZorvDAL::PrepareStatements() {
         {&m_pLookupRulesetCountStmt, kLookupRulesetCountSql},
         {&m_pLookupTrustRuleIDsStmt, kLookupTrustRuleIDsSql},
         {&m_pDeleteInventoryItemsStmt, kDeleteInventoryItemsSql},
-        {&m_pGetAcStateStmt, kGetAcStateSql},
+        {&m_pGetAcStateStmt, dal::kGetAcStateSql},
         {&m_pSetAcStateStmt, kSetAcStateSql},
     };
     for (const auto& entry : statements) {

@@ -243,6 +243,9 @@ private:
     void NoteRulesCommitted() { m_rulesGeneration.fetch_add(1, std::memory_order_release); }
 
     // ZorvDataAccessLayerStore.cpp
+    // One settings read on the given connection's statement.
+    SettingRead ReadAppControlStateFrom(const Statement& stmt, const std::u16string& settingName,
+                                        std::u16string& value);
     uint64_t StoreItemInternal(const EngineEvent& event, bool tempTable);
     uint64_t StoreItemFlushInternal();
     uint64_t StoreTrustRuleInternal(const TrustRuleRecord& rule, bool tempTable);

@@ -60,10 +60,12 @@ std::u16string ColumnText(sqlite3_stmt* stmt, int column) {
     return Utf8ToUtf16(std::string_view(text, static_cast<size_t>(sqlite3_column_bytes(stmt, column))));
 }
 
+// Bound in place, not copied: every statement is reset and cleared before the
+// event it reads from goes away.
 bool BindDigest(sqlite3_stmt* stmt, const char* name, const Hash& hash) {
     const int index = sqlite3_bind_parameter_index(stmt, name);
     return index != 0 && sqlite3_bind_blob(stmt, index, hash.Bytes(), static_cast<int>(hash.DigestSize()),
-                                           SQLITE_TRANSIENT) == SQLITE_OK;
+                                           SQLITE_STATIC) == SQLITE_OK;
 }
 
 bool BindSizeAndHash(sqlite3_stmt* stmt, const EngineEvent& event) {

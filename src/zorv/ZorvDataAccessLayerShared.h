@@ -25,6 +25,9 @@ inline constexpr char kLookupItemAlternateMD5HashSql[] =
     "SELECT * FROM InventoryItems WHERE((LENGTH(sha256) IS NULL) AND (md5 = :md5 )) ORDER BY inventoryItemId DESC "
     "LIMIT 1;";
 
+// A setting's value, read on the writer and on every read connection.
+inline constexpr char kGetAcStateSql[] = "SELECT settingValue FROM AppControlState WHERE (settingName = :setting);";
+
 // The import's inserts into the replacement tables, prepared on first use.
 inline constexpr char kInsertItemTempTableSQL[] =
     "INSERT INTO Temp_InventoryItems( md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, "

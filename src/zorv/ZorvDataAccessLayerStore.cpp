@@ -219,7 +219,7 @@ uint64_t ZorvDAL::StoreItem(EngineEvent& event) {
     // The exclusion check takes and releases the lock itself.
     if (IsFoundInTrustRules(3, event)) {
         ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItem", u"StoreItem exclude path: %s ", event.name);
-        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        ZorvStats::Instance().CountMetric(u"InventoryItemExcludedByTrustRule");
         return 0;
     }
     TracedLock lock(m_dbLock, u"ZorvDAL::StoreItem", u"StoreItem lock", u"StoreItem unlock");
@@ -235,7 +235,7 @@ uint64_t ZorvDAL::StoreItem(const InventoryItemRecord& item) {
 uint64_t ZorvDAL::StoreItemBuffer(EngineEvent& event) {
     if (IsFoundInTrustRules(3, event)) {
         ZORV_LOG(kLogTrace, u"ZorvDAL::StoreItemBuffer", u"StoreItemBuffer exclude path: %s ", event.name);
-        ZorvStats::Instance().IncrementMetric(u"InventoryItemExcludedByTrustRule");
+        ZorvStats::Instance().CountMetric(u"InventoryItemExcludedByTrustRule");
         // An excluded item counts as handled for the buffered caller.
         return 1;
     }
@@ -275,7 +275,7 @@ uint64_t ZorvDAL::StoreItemInternal(const EngineEvent& event, bool tempTable) {
         // No extension, a digit in it or a known one all count as handled.
         if (!ExtensionTables().IsExecutableExtension(fileName, extension)) {
             ZorvStats::Instance().IncrementCounter(CounterCategory::InventoryUnknownExtensions, extension);
-            ZorvStats::Instance().IncrementMetric(u"TotalInventoryUnknownExtension");
+            ZorvStats::Instance().CountMetric(u"TotalInventoryUnknownExtension");
         }
     }
 
@@ -499,7 +499,7 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     // Declared after the lock so the reset happens before it is released.
     const StatementUse use(held);
     if (!m_prelinkOldHash.IsSet() || !event.fileSha256.IsSet()) {
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkNohash");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkNohash");
         return false;
     }
 
@@ -525,7 +525,7 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     const int rc = sqlite3_step(stmt);
     const int changed = rc == SQLITE_DONE ? sqlite3_changes(sqlite3_db_handle(stmt)) : 0;
     if (changed > 0) {
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUpdated");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkUpdated");
         if (changed > 1) {
             ZORV_LOG(kLogWarning, kFunction, u"Prelink updated more (%d) then we expected\n", changed);
         }
@@ -537,10 +537,10 @@ bool ZorvDAL::UpdatePrelinkItem(EngineEvent& event) {
     EngineEvent probe = event;
     if (!IsAllowedInDBInternal(probe) || probe.dbVerdict == AC_DB_NOT_KNOWN) {
         ZORV_LOG(kLogTrace, kFunction, u"Unapproved %s %s %d", event.path, event.fileName, event.size);
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkUnapproved");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkUnapproved");
     } else {
         StoreItemInternal(event, false);
-        ZorvStats::Instance().IncrementMetric(u"RunPrelinkApproved");
+        ZorvStats::Instance().CountMetric(u"RunPrelinkApproved");
     }
     return probe.dbVerdict == AC_DB_ALLOWED;
 }
@@ -590,12 +590,26 @@ bool ZorvDAL::DeleteInventoryItems(const EngineEvent& event) {
 
 ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingName, std::u16string& value) {
     constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
+    // Decisions read settings (time-stamp mode) and must not wait for the
+    // writer: a read connection sees the last committed value beside it.
+    if (const ZorvReadConnections::Lease reader = m_readers.Acquire()) {
+        ZORV_LOG(kLogTrace, kFunction, u"GetAppControlState lock");
+        const SettingRead read = ReadAppControlStateFrom((*reader).setting, settingName, value);
+        ZORV_LOG(kLogTrace, kFunction, u"GetAppControlState unlock");
+        return read;
+    }
     const Statement held = m_pGetAcStateStmt;
     if (!held) {
         ZORV_LOG(kLogError, kFunction, u"m_pGetAcStateStmt is released");
         return SettingRead::Failed;
     }
     TracedLock lock(m_dbLock, kFunction, u"GetAppControlState lock", u"GetAppControlState unlock");
+    return ReadAppControlStateFrom(held, settingName, value);
+}
+
+ZorvDAL::SettingRead ZorvDAL::ReadAppControlStateFrom(const Statement& held, const std::u16string& settingName,
+                                                      std::u16string& value) {
+    constexpr char16_t kFunction[] = u"ZorvDAL::GetAppControlState";
     const StatementUse use(held);
     sqlite3_stmt* stmt = use.get();
     BindTextAsIs(stmt, ":setting", settingName);
@@ -608,7 +622,9 @@ ZorvDAL::SettingRead ZorvDAL::ReadAppControlState(const std::u16string& settingN
         // Not "absent": a caller that took it so would act on a value it never
         // read. The settings live in the same file as the rules, so this is the
         // store's health too (and logged once per change of it).
-        NoteStoreFault(kFunction, rc, u"Unable to read AppControl Setting " + settingName + u": " + GetErrorString());
+        const char* error = sqlite3_errstr(sqlite3_errcode(sqlite3_db_handle(stmt)));
+        NoteStoreFault(kFunction, rc,
+                       u"Unable to read AppControl Setting " + settingName + u": " + Utf8ToUtf16(error ? error : ""));
         return SettingRead::Failed;
     }
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));

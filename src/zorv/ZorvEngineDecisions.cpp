@@ -25,7 +25,7 @@ constexpr int64_t kTicksTo1970 = 116444736000000000LL;
 // Milliseconds between the same two dates.
 constexpr uint64_t kMillisecondsTo1970 = 11644473600000ULL;
 
-void Count(std::u16string_view counter) { ZorvStats::Instance().IncrementMetric(counter); }
+void Count(std::u16string_view counter) { ZorvStats::Instance().CountMetric(counter); }
 
 // Signed so that a file time before 1970 truncates toward zero instead of wrapping.
 uint64_t FileTimeToMilliseconds(uint64_t ticks) {

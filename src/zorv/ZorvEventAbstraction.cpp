@@ -213,7 +213,7 @@ bool ZorvEngine::ProcessEvent(EngineEvent& event) {
         }
     }
     ZORV_LOG(kLogTrace, kFn, u"Not Handling Event of type: %d", event.eventType);
-    ZorvStats::Instance().IncrementMetric(u"TotalIgnoredEvent");
+    ZorvStats::Instance().CountMetric(u"TotalIgnoredEvent");
     return false;
 }
 
@@ -249,7 +249,7 @@ bool ZorvEngine::AbstractEvent(EngineEvent& event) {
                 event.eventType = AC_EVENT_FILE_CHANGE;
             break;
         case AC_OP_PROCESS_CREATE:
-            ZorvStats::Instance().IncrementMetric(u"RunProgram");
+            ZorvStats::Instance().CountMetric(u"RunProgram");
             event.eventType = AC_EVENT_PROCESS_START;
             break;
         case AC_OP_OPEN_POST:
@@ -307,7 +307,7 @@ bool ZorvEngine::AbstractEvent(EngineEvent& event) {
         ZORV_LOG(kLogTrace, kFn, u"Excluding event %s, based on directory", event.path);
         event.action = AC_DECISION_IGNORED;
         event.isAuthorized = AC_REASON_EXCLUDED;
-        ZorvStats::Instance().IncrementMetric(u"EventExcludedBasedOnDirectory");
+        ZorvStats::Instance().CountMetric(u"EventExcludedBasedOnDirectory");
         m_allowCache.Remove(event.name);
         dynamicRules = false;
     }
@@ -349,7 +349,7 @@ bool ZorvEngine::EventCreatePre(EngineEvent& event) {
         ZORV_LOG(kLogTrace, kFn, u"bIsExtensionInterpreted %d bIsOnTheCommandLine %d isexec %d", interpreted ? 1 : 0,
                  onCommandLine ? 1 : 0, event.isExec);
         if (interpreted || (onCommandLine && event.isExec != 0)) {
-            ZorvStats::Instance().IncrementMetric(u"RunScript");
+            ZorvStats::Instance().CountMetric(u"RunScript");
             event.eventType = AC_EVENT_SCRIPT_START;
             return true;
         }
@@ -389,7 +389,7 @@ bool ZorvEngine::CheckExcludeTrustRules(EngineEvent& event) {
     if (!ZorvDAL::Instance().IsFoundInTrustRules(3, event)) return false;
     ZORV_LOG(kLogTrace, u"ZorvEngine::CheckExcludeTrustRules",
              u"Exclude event in directory %s because of exclude trust rule", event.path);
-    ZorvStats::Instance().IncrementMetric(u"EventExcludedByTrustRule");
+    ZorvStats::Instance().CountMetric(u"EventExcludedByTrustRule");
     event.action = AC_DECISION_IGNORED;
     event.isAuthorized = AC_REASON_EXCLUDED;
     m_allowCache.Add(event.user, event.processName, event.name, event.rulesGeneration);

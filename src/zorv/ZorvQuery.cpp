@@ -285,7 +285,17 @@ ZorvQuery::ZorvQuery()
                              u"pyo", u"pyz", u"rb", u"scr", u"sh", u"so", u"sys", u"tmp",
                              u"tsp", u"vb", u"vbs", u"vbscript", u"war", u"ws", u"wsf", u"wsh"},
       m_interpreterRules(BuildInterpreterRules()),
-      m_processTypes(BuildProcessTypes()) {}
+      m_processTypes(BuildProcessTypes()) {
+    // Entry 0 is the placeholder that never matches.
+    for (size_t i = 1; i < m_interpreterRules.size(); ++i) {
+        const InterpreterRule& rule = m_interpreterRules[i];
+        if (rule.ruleType == RuleName || rule.ruleType == RulePathAndName) {
+            m_rulesByName[rule.name].push_back(i);
+        } else {
+            m_rulesByOther.push_back(i);
+        }
+    }
+}
 
 ProcessTypeIndex ZorvQuery::ResolveRule(const InterpreterRule& rule) const {
     const int64_t cached = rule.processTypeIndex.load(std::memory_order_relaxed);
@@ -311,15 +321,24 @@ ProcessTypeIndex ZorvQuery::GetProcessInterpreterType(ProcessDescription& proces
     const size_t dot = process.name.rfind(u'.');
     // A dot-file (".profile") names no program the rules could know.
     if (dot == 0) return kNoProcessType;
-    const std::u16string extension =
-        dot == std::u16string::npos ? process.name : process.name.substr(dot + 1);
+    const std::u16string_view extension =
+        dot == std::u16string::npos ? std::u16string_view(process.name) : std::u16string_view(process.name).substr(dot + 1);
     if (extension.empty()) {
         ZORV_LOG(kLogWarning, u"ZorvQuery::GetProcessInterpreterType",
                  u"Process extension couldn't be found name=%s ext=%s", process.name, extension);
         return kNoProcessType;
     }
 
-    for (size_t i = 1; i < m_interpreterRules.size(); ++i) {
+    // The rules for this exact name merged with the others, in table order.
+    static const std::vector<size_t> kNoRules;
+    const auto named = m_rulesByName.find(process.name);
+    const std::vector<size_t>& byName = named != m_rulesByName.end() ? named->second : kNoRules;
+    size_t nextNamed = 0;
+    size_t nextOther = 0;
+    while (nextNamed < byName.size() || nextOther < m_rulesByOther.size()) {
+        const bool takeNamed = nextOther == m_rulesByOther.size() ||
+                               (nextNamed < byName.size() && byName[nextNamed] < m_rulesByOther[nextOther]);
+        const size_t i = takeNamed ? byName[nextNamed++] : m_rulesByOther[nextOther++];
         const ProcessTypeIndex index = ApplyInterpreterRule(process, m_interpreterRules[i]);
         if (index == kNoProcessType) continue;
         const ProcessType& type = m_processTypes[index];
@@ -588,7 +607,7 @@ bool ZorvQuery::ShouldTrustDrift(ProcessTypeIndex index, EngineEvent& event, boo
     if (event.examined == 0 && !config.InventoryExists() && config.AllowlistInventory()) {
         event.source = 1;
         isFinal = true;
-        ZorvStats::Instance().IncrementMetric(u"TotalApprovedDriftDuringInventory");
+        ZorvStats::Instance().CountMetric(u"TotalApprovedDriftDuringInventory");
         return true;
     }
 
@@ -646,12 +665,12 @@ bool ZorvQuery::ShouldTrustDrift(ProcessTypeIndex index, EngineEvent& event, boo
         isFinal = false;
         if (!ShouldTrustPowershell(event)) return false;
         event.source = 4;
-        ZorvStats::Instance().IncrementMetric(type.name + u"TrustedDrift");
+        ZorvStats::Instance().CountMetric(type.name + u"TrustedDrift");
         return true;
     }
 
     event.source = 4;
-    ZorvStats::Instance().IncrementMetric(type.name + u"TrustedDrift");
+    ZorvStats::Instance().CountMetric(type.name + u"TrustedDrift");
     isFinal = true;
     return true;
 }

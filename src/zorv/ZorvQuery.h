@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "ZorvUtilWindows.h"
@@ -159,6 +160,11 @@ private:
     std::set<std::u16string> m_scriptExtensions;
     std::set<std::u16string> m_executableExtensions;
     std::vector<InterpreterRule> m_interpreterRules;
+    // The rules in m_interpreterRules that name the file exactly, by that name,
+    // and all the others, each in table order: every process start asks, and
+    // only a handful of the rules can concern any one name.
+    std::unordered_map<std::u16string, std::vector<size_t>> m_rulesByName;
+    std::vector<size_t> m_rulesByOther;
     std::vector<ProcessType> m_processTypes;
     SettingLookup m_settingLookup;
 };

@@ -1,11 +1,11 @@
 // ZorvReadConnections: read-only connections to ac.db for the inventory
-// lookup, so that decisions neither queue behind one another on the writer's
+// lookup and the settings a decision reads, so that decisions neither queue behind one another on the writer's
 // lock nor wait while an import, a flush or another process writes. WAL lets
 // these readers see the last committed state beside the one writer.
 //
 // Thread-safe without a lock shared by every reader: a fixed row of slots,
 // each on its own cache line with its own busy flag; a thread starts at the
-// slot its id hashes to and takes the first free one. A connection is opened
+// slot of its number (ThreadSlot) and takes the first free one. A connection is opened
 // in its slot on first use and kept until Close. When no slot is free (more
 // threads than slots, all busy) or a connection cannot be opened, Acquire
 // answers empty and the caller reads through the writer as before.
@@ -33,6 +33,7 @@ public:
         std::shared_ptr<sqlite3_stmt> sha1;     // rules known only by SHA-1
         std::shared_ptr<sqlite3_stmt> md5;      // rules known only by MD5
         std::shared_ptr<sqlite3_stmt> any;      // SHA-256 and size, any source
+        std::shared_ptr<sqlite3_stmt> setting;  // one AppControlState value
     };
 
     class Lease {

@@ -31,12 +31,15 @@ struct JsonTextDeleter {
 // Fills `object` from a counter map, at most `limit` entries in key order. A
 // name that is not valid UTF-16 is written with U+FFFD in place of the broken
 // unit rather than dropped, so the count still shows.
+uint64_t CountOf(uint64_t count) { return count; }
+uint64_t CountOf(const StripedCounter& count) { return count.Load(); }
+
 template <typename Map>
 void AddCounters(cJSON* object, const Map& counters, size_t limit) {
     size_t added = 0;
     for (const auto& [name, count] : counters) {
         if (added++ == limit) break;
-        cJSON_AddNumberToObject(object, Utf16ToUtf8(name).c_str(), static_cast<double>(uint64_t{count}));
+        cJSON_AddNumberToObject(object, Utf16ToUtf8(name).c_str(), static_cast<double>(CountOf(count)));
     }
 }
 
@@ -47,17 +50,41 @@ ZorvStats& ZorvStats::Instance() {
     return stats;
 }
 
-uint64_t ZorvStats::IncrementMetric(std::u16string_view name) {
-    if (name.empty()) return 0;
+void StripedCounter::Add(uint64_t amount) {
+    m_lanes[ThreadSlot() % kLanes].value.fetch_add(amount, std::memory_order_relaxed);
+}
+
+uint64_t StripedCounter::Load() const {
+    uint64_t total = 0;
+    for (const Lane& lane : m_lanes) total += lane.value.load(std::memory_order_relaxed);
+    return total;
+}
+
+void StripedCounter::Store(uint64_t value) {
+    m_lanes[0].value.store(value, std::memory_order_relaxed);
+    for (size_t i = 1; i < kLanes; ++i) m_lanes[i].value.store(0, std::memory_order_relaxed);
+}
+
+void ZorvStats::CountMetric(std::u16string_view name) {
+    if (name.empty()) return;
     {
         std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
         const auto it = m_metrics.find(name);
-        if (it != m_metrics.end()) return it->second.fetch_add(1, std::memory_order_relaxed) + 1;
+        if (it != m_metrics.end()) {
+            it->second.Add(1);
+            return;
+        }
     }
     std::lock_guard<SlottedSharedMutex> lock(m_metricsLock);
     auto it = m_metrics.find(name);
-    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name), 0).first;
-    return it->second.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name)).first;
+    it->second.Add(1);
+}
+
+uint64_t ZorvStats::IncrementMetric(std::u16string_view name) {
+    if (name.empty()) return 0;
+    CountMetric(name);
+    return GetMetric(name);
 }
 
 void ZorvStats::SetMetric(std::u16string_view name, uint64_t value) {
@@ -65,20 +92,20 @@ void ZorvStats::SetMetric(std::u16string_view name, uint64_t value) {
         std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
         const auto it = m_metrics.find(name);
         if (it != m_metrics.end()) {
-            it->second.store(value, std::memory_order_relaxed);
+            it->second.Store(value);
             return;
         }
     }
     std::lock_guard<SlottedSharedMutex> lock(m_metricsLock);
     auto it = m_metrics.find(name);
-    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name), 0).first;
-    it->second.store(value, std::memory_order_relaxed);
+    if (it == m_metrics.end()) it = m_metrics.try_emplace(std::u16string(name)).first;
+    it->second.Store(value);
 }
 
 uint64_t ZorvStats::GetMetric(std::u16string_view name) const {
     std::shared_lock<SlottedSharedMutex> lock(m_metricsLock);
     const auto it = m_metrics.find(name);
-    return it == m_metrics.end() ? 0 : it->second.load(std::memory_order_relaxed);
+    return it == m_metrics.end() ? 0 : it->second.Load();
 }
 
 ZorvStats::CounterMap* ZorvStats::Category(CounterCategory category) {

@@ -15,6 +15,10 @@ struct ZorvDALTestPeer {
     static std::shared_ptr<sqlite3_stmt> GetAcStateStmt(ZorvDAL& dal) { return dal.m_pGetAcStateStmt; }
     static std::shared_ptr<sqlite3> Connection(ZorvDAL& dal) { return dal.m_DB; }
     static void Finalize(ZorvDAL& dal) { dal.Finalize(); }
+    // The writer busy, as a long import or a flush waiting on a foreign lock holds it.
+    static std::unique_lock<std::mutex> HoldDatabaseLock(ZorvDAL& dal) {
+        return std::unique_lock<std::mutex>(dal.m_dbLock);
+    }
     static size_t PendingRows(ZorvDAL& dal) {
         std::lock_guard<std::mutex> lock(dal.m_dbLock);
         return dal.PendingRowsInternal();

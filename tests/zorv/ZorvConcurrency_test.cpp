@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "DalTestPeer.h"
 #include "EngineTestFixture.h"
 
 namespace zorv {
@@ -127,6 +129,51 @@ TEST_F(ZorvConcurrency, EveryAnswerUnderLoadEqualsItsSingleThreadedReplay) {
     foreign.join();
     EXPECT_EQ(mismatches.load(), 0);
     for (size_t i = 0; i < mix.size(); ++i) EXPECT_EQ(Ask(mix[i]), replay[i]) << "changed after the load: " << i;
+}
+
+// Every read a decision makes (the inventory, the trust rules, the settings of
+// time-stamp mode) comes from the read connections and memory: with the
+// engine's writer held, as a long import holds it, and another program holding
+// the write lock, each event is still answered, as it is when nothing writes.
+TEST_F(ZorvConcurrency, DecisionsAreAnsweredWhileTheWriterIsHeld) {
+    std::filesystem::create_directories(m_dir / "files");
+    for (int i = 0; i < 8; ++i) test::WriteFile(m_dir / "files" / ("f" + std::to_string(i) + ".exe"), "MZ");
+    test::WriteFile(m_dir / "files" / "page.html", "<html>");
+    const std::string dir = (m_dir / "files").string();
+    AddItem(0x01, 4096, AC_SOURCE_AGENT_RULES, 1, "f0.exe", dir);
+    AddItem(0x02, 4096, AC_SOURCE_AGENT_RULES, 0, "f1.exe", dir);
+    AddRule("trustType, paths", "4, '" + (m_dir / "files" / "f7.exe").string() + "'");
+    // HTML mapped by a browser is judged in time-stamp mode, which reads two settings.
+    Probe().Exec("UPDATE AppControlState SET settingValue = '0' WHERE settingName = 'enableHTML';"
+                 "UPDATE AppControlState SET settingValue = '1' WHERE settingName = 'upgradetime';");
+    Restart();
+    ZorvLogger::Instance().SetLevel(AC_LOG_ERROR);
+    AppControlConfig::Instance().SetLockdown(true);
+
+    std::vector<PluginEvent> mix = Mix();
+    PluginEvent page;
+    page.type = AC_OP_SECTION_MAP;
+    page.mode = 4;
+    page.processName = u"c:\\program files\\google\\chrome\\application\\chrome.exe";
+    page.name = test::PathText(m_dir / "files" / "page.html");
+    page.digestFill = 0x05;
+    mix.push_back(page);
+    std::vector<Answer> replay;
+    for (auto& event : mix) replay.push_back(Ask(event));
+
+    auto foreign = Probe();
+    ASSERT_TRUE(foreign.Exec("BEGIN EXCLUSIVE;"));
+    std::unique_lock<std::mutex> writer = ZorvDALTestPeer::HoldDatabaseLock(ZorvDAL::Instance());
+    auto answers = std::async(std::launch::async, [&] {
+        std::vector<Answer> given;
+        for (auto& event : mix) given.push_back(Ask(event));
+        return given;
+    });
+    const bool answered = answers.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    writer.unlock();  // a decision that waits for the writer ends now: the test fails instead of hanging
+    foreign.Exec("ROLLBACK;");
+    EXPECT_TRUE(answered) << "a decision waited for the writer";
+    EXPECT_EQ(answers.get(), replay);
 }
 
 // A start answered from the old rules while an import runs must not be cached

@@ -53,6 +53,42 @@ TEST(ZorvQuery, ProcessNamesResolveByFirstMatchingRule) {
     }
 }
 
+// Rules naming a file exactly are found by that name, the others in turn: the
+// answer must stay the first matching rule of the table, for every name a rule
+// knows, in every folder it knows.
+TEST(ZorvQuery, IndexedRulesAnswerAsTheTableInOrder) {
+    const ZorvQuery query;
+    const auto& rules = query.InterpreterRules();
+    std::vector<std::u16string> images;
+    for (size_t i = 1; i < rules.size(); ++i) {
+        for (size_t j = 1; j < rules.size(); ++j) {
+            if (!rules[i].name.empty()) images.push_back(rules[j].path + rules[i].name);
+        }
+        if (!rules[i].namePart.empty()) images.push_back(u"/opt/x" + rules[i].namePart + u"y.bin");
+    }
+    size_t compared = 0;
+    for (const std::u16string& image : images) {
+        ProcessDescription process = ProcessDescription::FromImagePath(image);
+        ProcessDescription lowered = process;
+        const ProcessTypeIndex answer = query.GetProcessInterpreterType(lowered);
+        ProcessTypeIndex first = 0;
+        bool found = false;
+        bool signed_ = false;
+        for (size_t i = 1; i < rules.size() && !found; ++i) {
+            const ProcessTypeIndex index = query.ApplyInterpreterRule(lowered, rules[i]);
+            if (index == kNoProcessType) continue;
+            // Signature-checked types depend on the file itself: not compared.
+            signed_ = query.GetProcessType(index).signatureCheck;
+            first = index;
+            found = true;
+        }
+        if (signed_ || answer == kNoProcessType) continue;
+        EXPECT_EQ(answer, first) << test::U8(image);
+        ++compared;
+    }
+    EXPECT_GT(compared, 1000u);
+}
+
 TEST(ZorvQuery, HashRulesCompareTheWholeDigest) {
     const ZorvQuery query;
     uint8_t digest[32];
