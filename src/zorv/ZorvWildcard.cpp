@@ -31,72 +31,98 @@ size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit)
 // between. A '*' is a loop on its position rather than a position of its own,
 // so no closure over runs of optional elements is needed: only a '*' directly
 // before "**\" keeps a second position, always reached with the first (eps).
+//
+// The per-unit work is what bounds a rule's worst case, so it is cut to what
+// each word needs: `loopWords`, `levelWords` and `epsWords` say which words
+// hold any such position (the tests on them go the same way at every unit),
+// and whether anything is still alive is asked once a block of units.
 template <size_t W, bool kWithLevels, bool kWithEps>
 bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
-         const uint64_t* levels, const uint64_t* eps, const auto& row) {
+         const uint64_t* levels, const uint64_t* eps, const uint64_t* rows, const auto& row) {
     const size_t n = W == 0 ? words : W;
     // A list that fits has at most kMaxPatternUnits + 1 positions.
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
     std::array<uint64_t, kCap> d{}, e{};
+    unsigned loopWords = 0, levelWords = 0, epsWords = 0;
+    for (size_t w = 0; w < n; ++w) {
+        loopWords |= (loop[w] != 0 ? 1u : 0u) << w;
+        levelWords |= (levels[w] != 0 ? 1u : 0u) << w;
+        epsWords |= (eps[w] != 0 ? 1u : 0u) << w;
+    }
+    // A word's levels matter only once reached: E needs no update in a word
+    // whose "**\" positions have all been seen.
+    unsigned levelsPending = levelWords;
 
     // Eps targets are never eps sources, so one pass carries every bit.
     uint64_t epsCarry = 0;
     const auto follow = [&](uint64_t next, size_t w) {
         if constexpr (kWithEps) {
-            const uint64_t from = next & eps[w];
-            next |= (from << 1) | epsCarry;
-            epsCarry = from >> 63;
+            if ((epsWords >> w & 1u) != 0) {
+                const uint64_t from = next & eps[w];
+                next |= (from << 1) | epsCarry;
+                epsCarry = from >> 63;
+            } else {
+                next |= epsCarry;
+                epsCarry = 0;
+            }
         }
         return next;
     };
     for (size_t w = 0; w < n; ++w) d[w] = follow(start[w], w);
     const size_t size = text.size();
-    for (size_t i = 0; i < size; ++i) {
-        const char16_t unit = text[i];
-        // A row holds the positions the unit steps on from: its literals and,
-        // for a unit that is not a separator, every '?'.
-        const uint64_t* moves = row(unit);
-        uint64_t carry = 0;
-        uint64_t alive = 0;
-        epsCarry = 0;
-        if (IsSeparator(unit)) {
+    constexpr size_t kBlock = 16;
+    for (size_t i = 0; i < size;) {
+        const size_t blockEnd = std::min(size, i + kBlock);
+        for (; i < blockEnd; ++i) {
+            const char16_t unit = text[i];
+            // A row holds the positions the unit steps on from: its literals
+            // and, for a unit that is not a separator, every '?'.
+            const uint64_t* moves = rows + row(unit) * n;
+            uint64_t carry = 0;
+            epsCarry = 0;
+            if constexpr (kWithLevels) {
+                if (levelsPending != 0) {
 #pragma GCC unroll 8
-            for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = d[w] & moves[w];
-                uint64_t next = (moving << 1) | carry;
-                carry = moving >> 63;
-                if constexpr (kWithLevels) {
-                    e[w] |= d[w];
-                    next |= e[w] & levels[w];
+                    for (size_t w = 0; w < n; ++w) {
+                        if ((levelsPending >> w & 1u) != 0) {
+                            e[w] |= d[w];
+                            if ((e[w] & levels[w]) == levels[w]) levelsPending &= ~(1u << w);
+                        }
+                    }
                 }
-                next = follow(next, w);
-                d[w] = next;
-                alive |= next;
             }
-        } else {
+            if (IsSeparator(unit)) [[unlikely]] {
 #pragma GCC unroll 8
-            for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = d[w] & moves[w];
-                uint64_t next = (moving << 1) | carry | (d[w] & loop[w]);
-                carry = moving >> 63;
-                if constexpr (kWithLevels) e[w] |= d[w];
-                next = follow(next, w);
-                d[w] = next;
-                alive |= next;
+                for (size_t w = 0; w < n; ++w) {
+                    const uint64_t moving = d[w] & moves[w];
+                    uint64_t next = (moving << 1) | carry;
+                    carry = moving >> 63;
+                    if constexpr (kWithLevels) next |= e[w] & levels[w];
+                    d[w] = follow(next, w);
+                }
+            } else {
+#pragma GCC unroll 8
+                for (size_t w = 0; w < n; ++w) {
+                    const uint64_t moving = d[w] & moves[w];
+                    uint64_t next = (moving << 1) | carry;
+                    carry = moving >> 63;
+                    if ((loopWords >> w & 1u) != 0) next |= d[w] & loop[w];
+                    d[w] = follow(next, w);
+                }
             }
         }
+        uint64_t alive = 0;
+        for (size_t w = 0; w < n; ++w) alive |= d[w];
         if (alive == 0) {
             // Nothing is reached until a separator brings a "**\" back, if ever.
             if constexpr (!kWithLevels) {
                 return false;
             } else {
                 uint64_t waiting = 0;
-                for (size_t w = 0; w < n; ++w) waiting |= e[w] & levels[w];
+                for (size_t w = 0; w < n; ++w) waiting |= (e[w] | d[w]) & levels[w];
                 if (waiting == 0) return false;
-                size_t j = i + 1;
-                while (j < size && !IsSeparator(text[j])) ++j;
-                if (j == size) return false;
-                i = j - 1;
+                while (i < size && !IsSeparator(text[i])) ++i;
+                if (i == size) return false;
             }
         }
     }
@@ -183,6 +209,26 @@ WildcardPattern WildcardPattern::CompileOne(std::u16string_view pattern) {
     Builder builder;
     builder.Add(pattern);
     return Build(builder);
+}
+
+// The row a unit steps by: a byte for ASCII, a short probe for the few other
+// units a list names, row 0 for every unit it does not name.
+inline size_t WildcardPattern::RowIndex(char16_t unit) const {
+    const uint64_t* const block = m_block.data();
+    if (unit < 128) [[likely]] return reinterpret_cast<const uint8_t*>(block)[unit];
+    if (m_otherSlots == 0) return 0;
+    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const auto* const table = reinterpret_cast<const unsigned char*>(block + kAsciiWords);
+    const size_t mask = m_otherSlots - 1;
+    for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
+        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
+        // host, simply the s-th 32-bit value of the table.
+        static_assert(std::endian::native == std::endian::little);
+        uint32_t entry;
+        std::memcpy(&entry, table + 4 * slot, sizeof entry);
+        const size_t row = entry >> 16;
+        if (row == 0 || static_cast<char16_t>(entry) == unit) return row;
+    }
 }
 
 WildcardPattern WildcardPattern::Build(Builder& b) {
@@ -272,22 +318,7 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
 }
 
 const uint64_t* WildcardPattern::Row(char16_t unit) const {
-    const uint64_t* const rows = m_block.data() + m_rowsAt;
-    if (unit < 128) return rows + reinterpret_cast<const uint8_t*>(m_block.data())[unit] * size_t{m_words};
-    if (m_otherSlots == 0) return rows;
-    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
-    const auto* const table = reinterpret_cast<const unsigned char*>(m_block.data() + kAsciiWords);
-    const size_t mask = m_otherSlots - 1;
-    for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
-        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
-        // host, simply the s-th 32-bit value of the table.
-        static_assert(std::endian::native == std::endian::little);
-        uint32_t entry;
-        std::memcpy(&entry, table + 4 * slot, sizeof entry);
-        const size_t row = entry >> 16;
-        if (row == 0) return rows;
-        if (static_cast<char16_t>(entry) == unit) return rows + row * m_words;
-    }
+    return m_block.data() + m_rowsAt + RowIndex(unit) * size_t{m_words};
 }
 
 bool WildcardPattern::Match(std::u16string_view text) const {
@@ -298,21 +329,22 @@ bool WildcardPattern::Match(std::u16string_view text) const {
         i += 1 + length;
     }
     if (m_words == 0) return false;
-    const auto row = [this](char16_t unit) { return Row(unit); };
+    const auto row = [this](char16_t unit) { return RowIndex(unit); };
+    const uint64_t* const rows = m_block.data() + m_rowsAt;
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
     const size_t w = m_words;
     // Most lists have neither "**\" nor a '*' before one; they skip that work.
     const auto run = [&]<bool kLevels, bool kEps>() {
         switch (w) {
 #define ZORV_WILDCARD_WORDS(W) \
-    case W: return Run<W, kLevels, kEps>(text, W, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+    case W: return Run<W, kLevels, kEps>(text, W, m, m + W, m + 2 * W, m + 3 * W, m + 4 * W, rows, row);
             ZORV_WILDCARD_WORDS(1)
             ZORV_WILDCARD_WORDS(2)
             ZORV_WILDCARD_WORDS(3)
             ZORV_WILDCARD_WORDS(4)
             ZORV_WILDCARD_WORDS(5)
 #undef ZORV_WILDCARD_WORDS
-            default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+            default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, rows, row);
         }
     };
     if ((m_features & kEps) != 0) return run.template operator()<true, true>();

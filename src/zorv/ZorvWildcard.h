@@ -52,6 +52,7 @@ public:
 
 private:
     struct Builder;
+    size_t RowIndex(char16_t unit) const;
     const uint64_t* Row(char16_t unit) const;
     static WildcardPattern Build(Builder& builder);
 
