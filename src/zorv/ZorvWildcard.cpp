@@ -33,7 +33,7 @@ size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit)
 // before "**\" keeps a second position, always reached with the first (eps).
 //
 // The per-unit work is what bounds a rule's worst case, so it is cut to what
-// each word needs: `loopWords`, `levelWords` and `epsWords` say which words
+// each word needs: `levelWords` and `epsWords` say which words
 // hold any such position (the tests on them go the same way at every unit),
 // and whether anything is still alive is asked once a block of units.
 template <size_t W, bool kWithLevels, bool kWithEps>
@@ -43,9 +43,8 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
     // A list that fits has at most kMaxPatternUnits + 1 positions.
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
     std::array<uint64_t, kCap> d{}, e{};
-    unsigned loopWords = 0, levelWords = 0, epsWords = 0;
+    unsigned levelWords = 0, epsWords = 0;
     for (size_t w = 0; w < n; ++w) {
-        loopWords |= (loop[w] != 0 ? 1u : 0u) << w;
         levelWords |= (levels[w] != 0 ? 1u : 0u) << w;
         epsWords |= (eps[w] != 0 ? 1u : 0u) << w;
     }
@@ -106,7 +105,7 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
                     const uint64_t moving = d[w] & moves[w];
                     uint64_t next = (moving << 1) | carry;
                     carry = moving >> 63;
-                    if ((loopWords >> w & 1u) != 0) next |= d[w] & loop[w];
+                    next |= d[w] & loop[w];
                     d[w] = follow(next, w);
                 }
             }
