@@ -39,9 +39,9 @@ size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit)
 template <size_t W, bool kWithLevels, bool kWithEps>
 bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
          const uint64_t* levels, const uint64_t* eps, const uint64_t* rows, const auto& row) {
-    const size_t n = W == 0 ? words : W;
     // A list that fits has at most kMaxPatternUnits + 1 positions.
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
+    const size_t n = W == 0 ? std::min(words, kCap) : W;
     std::array<uint64_t, kCap> d{}, e{};
     unsigned levelWords = 0, epsWords = 0;
     for (size_t w = 0; w < n; ++w) {
@@ -320,6 +320,28 @@ const uint64_t* WildcardPattern::Row(char16_t unit) const {
     return m_block.data() + m_rowsAt + RowIndex(unit) * size_t{m_words};
 }
 
+// Whether the text ends with the literal tail of some pattern that has a
+// wildcard, or some such pattern ends in a wildcard: otherwise no pattern can
+// accept it, and most texts are turned away here after a few units instead
+// of after a pass over all of them.
+bool WildcardPattern::EndsLikeAnyPattern(std::u16string_view text) const {
+    const std::u16string_view exact(m_exact);
+    for (size_t i = 0; i < exact.size();) {
+        const std::u16string_view pattern = exact.substr(i + 1, exact[i]);
+        i += 1 + pattern.size();
+        const size_t last = pattern.find_last_of(u"*?");
+        if (last == std::u16string_view::npos) continue;
+        // A trailing separator gets a '*' when compiled.
+        if (last + 1 == pattern.size() || IsSeparator(pattern.back())) return true;
+        size_t tail = last + 1;
+        // "**" also matches no level at all, so its separator is not part
+        // of what the text must end with.
+        if (pattern[last] == u'*' && last > 0 && pattern[last - 1] == u'*' && IsSeparator(pattern[tail])) ++tail;
+        if (text.ends_with(pattern.substr(tail))) return true;
+    }
+    return false;
+}
+
 bool WildcardPattern::Match(std::u16string_view text) const {
     const std::u16string_view exact(m_exact);
     for (size_t i = 0; i < exact.size();) {
@@ -328,6 +350,7 @@ bool WildcardPattern::Match(std::u16string_view text) const {
         i += 1 + length;
     }
     if (m_words == 0) return false;
+    if (!EndsLikeAnyPattern(text)) return false;
     const auto row = [this](char16_t unit) { return RowIndex(unit); };
     const uint64_t* const rows = m_block.data() + m_rowsAt;
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
