@@ -21,6 +21,10 @@ enum Flag : uint8_t {
     kStart = 32,
     kAccept = 64,
 };
+// A list feature: some eps position is the top bit of its word.
+constexpr uint8_t kEpsAcross = 128;
+// Positions a list may take, padding included: five words.
+constexpr size_t kMaxWords = 5;
 
 size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
 
@@ -36,7 +40,9 @@ size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit)
 // each word needs: `levelWords` and `epsWords` say which words
 // hold any such position (the tests on them go the same way at every unit),
 // and whether anything is still alive is asked once a block of units.
-template <size_t W, bool kWithLevels, bool kWithEps>
+// kEpsMode is 0 without eps positions, 1 when none sits at the top of its
+// word (compiling pads patterns so that this is the rule) and 2 otherwise.
+template <size_t W, bool kWithLevels, int kEpsMode>
 bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
          const uint64_t* levels, const uint64_t* eps, const uint64_t* rows, const auto& row) {
     // A list that fits has at most kMaxPatternUnits + 1 positions.
@@ -55,7 +61,9 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
     // Eps targets are never eps sources, so one pass carries every bit.
     uint64_t epsCarry = 0;
     const auto follow = [&](uint64_t next, size_t w) {
-        if constexpr (kWithEps) {
+        if constexpr (kEpsMode == 1) {
+            next |= (next & eps[w]) << 1;
+        } else if constexpr (kEpsMode == 2) {
             if ((epsWords >> w & 1u) != 0) {
                 const uint64_t from = next & eps[w];
                 next |= (from << 1) | epsCarry;
@@ -135,9 +143,10 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
 
 // Building state, on the stack: a pattern of n units yields at most n + 1
 // positions (one to start from, one after each unit that steps), so a list
-// that fits has at most kMaxPatternUnits + 1.
+// that fits has at most kMaxPatternUnits + 1; padding that keeps eps
+// positions off the top of their words may use the rest of five words.
 struct WildcardPattern::Builder {
-    static constexpr size_t kMaxPositions = kMaxPatternUnits + 1;
+    static constexpr size_t kMaxPositions = kMaxWords * 64;
     std::u16string exact;
     std::array<uint8_t, kMaxPositions> flags;
     std::array<char16_t, kMaxPositions> units;
@@ -164,6 +173,7 @@ void WildcardPattern::Builder::Add(std::u16string_view pattern) {
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
     size_t at = Open(kStart);
+    size_t first = at;
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
         if (unit == u'?') {
@@ -188,6 +198,22 @@ void WildcardPattern::Builder::Add(std::u16string_view pattern) {
         }
     }
     flags[at] |= kAccept;
+    // An eps position at the top of a word would have to carry into the next
+    // one at every unit; moving the whole pattern up by an unused position
+    // keeps it within its word, when there is room.
+    for (size_t tries = 0; tries < 64 && positions < kMaxPositions; ++tries) {
+        bool across = false;
+        for (size_t i = first; i < positions; ++i) across = across || ((flags[i] & kEps) != 0 && i % 64 == 63);
+        if (!across) break;
+        for (size_t i = positions; i > first; --i) {
+            flags[i] = flags[i - 1];
+            units[i] = units[i - 1];
+        }
+        flags[first] = 0;
+        units[first] = 0;
+        ++first;
+        ++positions;
+    }
 }
 
 WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
@@ -287,6 +313,9 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
         if ((flag & kStepAny) != 0) set(anyOne.data(), i);
     }
     compiled.m_features = seen & (kLevels | kEps);
+    for (size_t w = 0; w < words; ++w) {
+        if ((eps[w] >> 63) != 0) compiled.m_features |= kEpsAcross;
+    }
 
     // distinct is sorted, so ASCII units take rows 1..128 and fit a byte.
     auto* const asciiRow = reinterpret_cast<uint8_t*>(block.data());
@@ -356,7 +385,7 @@ bool WildcardPattern::Match(std::u16string_view text) const {
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
     const size_t w = m_words;
     // Most lists have neither "**\" nor a '*' before one; they skip that work.
-    const auto run = [&]<bool kLevels, bool kEps>() {
+    const auto run = [&]<bool kLevels, int kEps>() {
         switch (w) {
 #define ZORV_WILDCARD_WORDS(W) \
     case W: return Run<W, kLevels, kEps>(text, W, m, m + W, m + 2 * W, m + 3 * W, m + 4 * W, rows, row);
@@ -369,9 +398,10 @@ bool WildcardPattern::Match(std::u16string_view text) const {
             default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, rows, row);
         }
     };
-    if ((m_features & kEps) != 0) return run.template operator()<true, true>();
-    if ((m_features & kLevels) != 0) return run.template operator()<true, false>();
-    return run.template operator()<false, false>();
+    if ((m_features & kEpsAcross) != 0) return run.template operator()<true, 2>();
+    if ((m_features & kEps) != 0) return run.template operator()<true, 1>();
+    if ((m_features & kLevels) != 0) return run.template operator()<true, 0>();
+    return run.template operator()<false, 0>();
 }
 
 }  // namespace zorv
