@@ -49,10 +49,13 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
     const size_t n = W == 0 ? std::min(words, kCap) : W;
     std::array<uint64_t, kCap> d{}, e{};
-    unsigned levelWords = 0, epsWords = 0;
+    // Words with a '*' or an eps position; in a long run of literals most
+    // words have neither and only step.
+    unsigned levelWords = 0, epsWords = 0, extraWords = 0;
     for (size_t w = 0; w < n; ++w) {
         levelWords |= (levels[w] != 0 ? 1u : 0u) << w;
         epsWords |= (eps[w] != 0 ? 1u : 0u) << w;
+        extraWords |= ((loop[w] | eps[w] | (w > 0 && eps[w - 1] >> 63 != 0 ? 1 : 0)) != 0 ? 1u : 0u) << w;
     }
     // A word's levels matter only once reached: E needs no update in a word
     // whose "**\" positions have all been seen.
@@ -113,8 +116,11 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
                     const uint64_t moving = d[w] & moves[w];
                     uint64_t next = (moving << 1) | carry;
                     carry = moving >> 63;
-                    next |= d[w] & loop[w];
-                    d[w] = follow(next, w);
+                    if ((extraWords >> w & 1u) != 0) {
+                        next |= d[w] & loop[w];
+                        next = follow(next, w);
+                    }
+                    d[w] = next;
                 }
             }
         }
