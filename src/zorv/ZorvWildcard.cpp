@@ -21,6 +21,10 @@ enum Flag : uint8_t {
     kStart = 32,
     kAccept = 64,
 };
+// A list feature: some eps position is the top bit of its word.
+constexpr uint8_t kEpsAcross = 128;
+// Positions a list may take, padding included: five words.
+constexpr size_t kMaxWords = 5;
 
 size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit) * 40503u >> 4) & mask; }
 
@@ -31,72 +35,107 @@ size_t OtherSlot(char16_t unit, size_t mask) { return (static_cast<size_t>(unit)
 // between. A '*' is a loop on its position rather than a position of its own,
 // so no closure over runs of optional elements is needed: only a '*' directly
 // before "**\" keeps a second position, always reached with the first (eps).
-template <size_t W, bool kWithLevels, bool kWithEps>
+//
+// The per-unit work is what bounds a rule's worst case, so it is cut to what
+// each word needs: `levelWords` and `epsWords` say which words
+// hold any such position (the tests on them go the same way at every unit),
+// and whether anything is still alive is asked once a block of units.
+// kEpsMode is 0 without eps positions, 1 when none sits at the top of its
+// word (compiling pads patterns so that this is the rule) and 2 otherwise.
+template <size_t W, bool kWithLevels, int kEpsMode>
 bool Run(std::u16string_view text, size_t words, const uint64_t* start, const uint64_t* accept, const uint64_t* loop,
-         const uint64_t* levels, const uint64_t* eps, const auto& row) {
-    const size_t n = W == 0 ? words : W;
+         const uint64_t* levels, const uint64_t* eps, const uint64_t* rows, const auto& row) {
     // A list that fits has at most kMaxPatternUnits + 1 positions.
     constexpr size_t kCap = W == 0 ? (WildcardPattern::kMaxPatternUnits + 64) / 64 : W;
+    const size_t n = W == 0 ? std::min(words, kCap) : W;
     std::array<uint64_t, kCap> d{}, e{};
+    // Words with a '*' or an eps position; in a long run of literals most
+    // words have neither and only step.
+    unsigned levelWords = 0, epsWords = 0, extraWords = 0;
+    for (size_t w = 0; w < n; ++w) {
+        levelWords |= (levels[w] != 0 ? 1u : 0u) << w;
+        epsWords |= (eps[w] != 0 ? 1u : 0u) << w;
+        extraWords |= ((loop[w] | eps[w] | (w > 0 && eps[w - 1] >> 63 != 0 ? 1 : 0)) != 0 ? 1u : 0u) << w;
+    }
+    // A word's levels matter only once reached: E needs no update in a word
+    // whose "**\" positions have all been seen.
+    unsigned levelsPending = levelWords;
 
     // Eps targets are never eps sources, so one pass carries every bit.
     uint64_t epsCarry = 0;
     const auto follow = [&](uint64_t next, size_t w) {
-        if constexpr (kWithEps) {
-            const uint64_t from = next & eps[w];
-            next |= (from << 1) | epsCarry;
-            epsCarry = from >> 63;
+        if constexpr (kEpsMode == 1) {
+            next |= (next & eps[w]) << 1;
+        } else if constexpr (kEpsMode == 2) {
+            if ((epsWords >> w & 1u) != 0) {
+                const uint64_t from = next & eps[w];
+                next |= (from << 1) | epsCarry;
+                epsCarry = from >> 63;
+            } else {
+                next |= epsCarry;
+                epsCarry = 0;
+            }
         }
         return next;
     };
     for (size_t w = 0; w < n; ++w) d[w] = follow(start[w], w);
     const size_t size = text.size();
-    for (size_t i = 0; i < size; ++i) {
-        const char16_t unit = text[i];
-        // A row holds the positions the unit steps on from: its literals and,
-        // for a unit that is not a separator, every '?'.
-        const uint64_t* moves = row(unit);
-        uint64_t carry = 0;
-        uint64_t alive = 0;
-        epsCarry = 0;
-        if (IsSeparator(unit)) {
+    constexpr size_t kBlock = 16;
+    for (size_t i = 0; i < size;) {
+        const size_t blockEnd = std::min(size, i + kBlock);
+        for (; i < blockEnd; ++i) {
+            const char16_t unit = text[i];
+            // A row holds the positions the unit steps on from: its literals
+            // and, for a unit that is not a separator, every '?'.
+            const uint64_t* moves = rows + row(unit) * n;
+            uint64_t carry = 0;
+            epsCarry = 0;
+            if constexpr (kWithLevels) {
+                if (levelsPending != 0) {
 #pragma GCC unroll 8
-            for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = d[w] & moves[w];
-                uint64_t next = (moving << 1) | carry;
-                carry = moving >> 63;
-                if constexpr (kWithLevels) {
-                    e[w] |= d[w];
-                    next |= e[w] & levels[w];
+                    for (size_t w = 0; w < n; ++w) {
+                        if ((levelsPending >> w & 1u) != 0) {
+                            e[w] |= d[w];
+                            if ((e[w] & levels[w]) == levels[w]) levelsPending &= ~(1u << w);
+                        }
+                    }
                 }
-                next = follow(next, w);
-                d[w] = next;
-                alive |= next;
             }
-        } else {
+            if (IsSeparator(unit)) [[unlikely]] {
 #pragma GCC unroll 8
-            for (size_t w = 0; w < n; ++w) {
-                const uint64_t moving = d[w] & moves[w];
-                uint64_t next = (moving << 1) | carry | (d[w] & loop[w]);
-                carry = moving >> 63;
-                if constexpr (kWithLevels) e[w] |= d[w];
-                next = follow(next, w);
-                d[w] = next;
-                alive |= next;
+                for (size_t w = 0; w < n; ++w) {
+                    const uint64_t moving = d[w] & moves[w];
+                    uint64_t next = (moving << 1) | carry;
+                    carry = moving >> 63;
+                    if constexpr (kWithLevels) next |= e[w] & levels[w];
+                    d[w] = follow(next, w);
+                }
+            } else {
+#pragma GCC unroll 8
+                for (size_t w = 0; w < n; ++w) {
+                    const uint64_t moving = d[w] & moves[w];
+                    uint64_t next = (moving << 1) | carry;
+                    carry = moving >> 63;
+                    if ((extraWords >> w & 1u) != 0) {
+                        next |= d[w] & loop[w];
+                        next = follow(next, w);
+                    }
+                    d[w] = next;
+                }
             }
         }
+        uint64_t alive = 0;
+        for (size_t w = 0; w < n; ++w) alive |= d[w];
         if (alive == 0) {
             // Nothing is reached until a separator brings a "**\" back, if ever.
             if constexpr (!kWithLevels) {
                 return false;
             } else {
                 uint64_t waiting = 0;
-                for (size_t w = 0; w < n; ++w) waiting |= e[w] & levels[w];
+                for (size_t w = 0; w < n; ++w) waiting |= (e[w] | d[w]) & levels[w];
                 if (waiting == 0) return false;
-                size_t j = i + 1;
-                while (j < size && !IsSeparator(text[j])) ++j;
-                if (j == size) return false;
-                i = j - 1;
+                while (i < size && !IsSeparator(text[i])) ++i;
+                if (i == size) return false;
             }
         }
     }
@@ -110,9 +149,10 @@ bool Run(std::u16string_view text, size_t words, const uint64_t* start, const ui
 
 // Building state, on the stack: a pattern of n units yields at most n + 1
 // positions (one to start from, one after each unit that steps), so a list
-// that fits has at most kMaxPatternUnits + 1.
+// that fits has at most kMaxPatternUnits + 1; padding that keeps eps
+// positions off the top of their words may use the rest of five words.
 struct WildcardPattern::Builder {
-    static constexpr size_t kMaxPositions = kMaxPatternUnits + 1;
+    static constexpr size_t kMaxPositions = kMaxWords * 64;
     std::u16string exact;
     std::array<uint8_t, kMaxPositions> flags;
     std::array<char16_t, kMaxPositions> units;
@@ -139,6 +179,7 @@ void WildcardPattern::Builder::Add(std::u16string_view pattern) {
     if (!rewritten.empty() && IsSeparator(rewritten.back())) rewritten += u'*';
 
     size_t at = Open(kStart);
+    size_t first = at;
     for (size_t i = 0; i < rewritten.size(); ++i) {
         const char16_t unit = rewritten[i];
         if (unit == u'?') {
@@ -163,6 +204,22 @@ void WildcardPattern::Builder::Add(std::u16string_view pattern) {
         }
     }
     flags[at] |= kAccept;
+    // An eps position at the top of a word would have to carry into the next
+    // one at every unit; moving the whole pattern up by an unused position
+    // keeps it within its word, when there is room.
+    for (size_t tries = 0; tries < 64 && positions < kMaxPositions; ++tries) {
+        bool across = false;
+        for (size_t i = first; i < positions; ++i) across = across || ((flags[i] & kEps) != 0 && i % 64 == 63);
+        if (!across) break;
+        for (size_t i = positions; i > first; --i) {
+            flags[i] = flags[i - 1];
+            units[i] = units[i - 1];
+        }
+        flags[first] = 0;
+        units[first] = 0;
+        ++first;
+        ++positions;
+    }
 }
 
 WildcardPattern WildcardPattern::CompileList(std::u16string_view patterns) {
@@ -183,6 +240,26 @@ WildcardPattern WildcardPattern::CompileOne(std::u16string_view pattern) {
     Builder builder;
     builder.Add(pattern);
     return Build(builder);
+}
+
+// The row a unit steps by: a byte for ASCII, a short probe for the few other
+// units a list names, row 0 for every unit it does not name.
+inline size_t WildcardPattern::RowIndex(char16_t unit) const {
+    const uint64_t* const block = m_block.data();
+    if (unit < 128) [[likely]] return reinterpret_cast<const uint8_t*>(block)[unit];
+    if (m_otherSlots == 0) return 0;
+    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
+    const auto* const table = reinterpret_cast<const unsigned char*>(block + kAsciiWords);
+    const size_t mask = m_otherSlots - 1;
+    for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
+        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
+        // host, simply the s-th 32-bit value of the table.
+        static_assert(std::endian::native == std::endian::little);
+        uint32_t entry;
+        std::memcpy(&entry, table + 4 * slot, sizeof entry);
+        const size_t row = entry >> 16;
+        if (row == 0 || static_cast<char16_t>(entry) == unit) return row;
+    }
 }
 
 WildcardPattern WildcardPattern::Build(Builder& b) {
@@ -242,6 +319,9 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
         if ((flag & kStepAny) != 0) set(anyOne.data(), i);
     }
     compiled.m_features = seen & (kLevels | kEps);
+    for (size_t w = 0; w < words; ++w) {
+        if ((eps[w] >> 63) != 0) compiled.m_features |= kEpsAcross;
+    }
 
     // distinct is sorted, so ASCII units take rows 1..128 and fit a byte.
     auto* const asciiRow = reinterpret_cast<uint8_t*>(block.data());
@@ -272,22 +352,29 @@ WildcardPattern WildcardPattern::Build(Builder& b) {
 }
 
 const uint64_t* WildcardPattern::Row(char16_t unit) const {
-    const uint64_t* const rows = m_block.data() + m_rowsAt;
-    if (unit < 128) return rows + reinterpret_cast<const uint8_t*>(m_block.data())[unit] * size_t{m_words};
-    if (m_otherSlots == 0) return rows;
-    constexpr size_t kAsciiWords = 128 / sizeof(uint64_t);
-    const auto* const table = reinterpret_cast<const unsigned char*>(m_block.data() + kAsciiWords);
-    const size_t mask = m_otherSlots - 1;
-    for (size_t slot = OtherSlot(unit, mask);; slot = (slot + 1) & mask) {
-        // Slot s is the 32-bit half s % 2 of word s / 2: on a little-endian
-        // host, simply the s-th 32-bit value of the table.
-        static_assert(std::endian::native == std::endian::little);
-        uint32_t entry;
-        std::memcpy(&entry, table + 4 * slot, sizeof entry);
-        const size_t row = entry >> 16;
-        if (row == 0) return rows;
-        if (static_cast<char16_t>(entry) == unit) return rows + row * m_words;
+    return m_block.data() + m_rowsAt + RowIndex(unit) * size_t{m_words};
+}
+
+// Whether the text ends with the literal tail of some pattern that has a
+// wildcard, or some such pattern ends in a wildcard: otherwise no pattern can
+// accept it, and most texts are turned away here after a few units instead
+// of after a pass over all of them.
+bool WildcardPattern::EndsLikeAnyPattern(std::u16string_view text) const {
+    const std::u16string_view exact(m_exact);
+    for (size_t i = 0; i < exact.size();) {
+        const std::u16string_view pattern = exact.substr(i + 1, exact[i]);
+        i += 1 + pattern.size();
+        const size_t last = pattern.find_last_of(u"*?");
+        if (last == std::u16string_view::npos) continue;
+        // A trailing separator gets a '*' when compiled.
+        if (last + 1 == pattern.size() || IsSeparator(pattern.back())) return true;
+        size_t tail = last + 1;
+        // "**" also matches no level at all, so its separator is not part
+        // of what the text must end with.
+        if (pattern[last] == u'*' && last > 0 && pattern[last - 1] == u'*' && IsSeparator(pattern[tail])) ++tail;
+        if (text.ends_with(pattern.substr(tail))) return true;
     }
+    return false;
 }
 
 bool WildcardPattern::Match(std::u16string_view text) const {
@@ -298,26 +385,29 @@ bool WildcardPattern::Match(std::u16string_view text) const {
         i += 1 + length;
     }
     if (m_words == 0) return false;
-    const auto row = [this](char16_t unit) { return Row(unit); };
+    if (!EndsLikeAnyPattern(text)) return false;
+    const auto row = [this](char16_t unit) { return RowIndex(unit); };
+    const uint64_t* const rows = m_block.data() + m_rowsAt;
     const uint64_t* const m = m_block.data() + m_rowsAt - 5 * size_t{m_words};
     const size_t w = m_words;
     // Most lists have neither "**\" nor a '*' before one; they skip that work.
-    const auto run = [&]<bool kLevels, bool kEps>() {
+    const auto run = [&]<bool kLevels, int kEps>() {
         switch (w) {
 #define ZORV_WILDCARD_WORDS(W) \
-    case W: return Run<W, kLevels, kEps>(text, W, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+    case W: return Run<W, kLevels, kEps>(text, W, m, m + W, m + 2 * W, m + 3 * W, m + 4 * W, rows, row);
             ZORV_WILDCARD_WORDS(1)
             ZORV_WILDCARD_WORDS(2)
             ZORV_WILDCARD_WORDS(3)
             ZORV_WILDCARD_WORDS(4)
             ZORV_WILDCARD_WORDS(5)
 #undef ZORV_WILDCARD_WORDS
-            default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, row);
+            default: return Run<0, kLevels, kEps>(text, w, m, m + w, m + 2 * w, m + 3 * w, m + 4 * w, rows, row);
         }
     };
-    if ((m_features & kEps) != 0) return run.template operator()<true, true>();
-    if ((m_features & kLevels) != 0) return run.template operator()<true, false>();
-    return run.template operator()<false, false>();
+    if ((m_features & kEpsAcross) != 0) return run.template operator()<true, 2>();
+    if ((m_features & kEps) != 0) return run.template operator()<true, 1>();
+    if ((m_features & kLevels) != 0) return run.template operator()<true, 0>();
+    return run.template operator()<false, 0>();
 }
 
 }  // namespace zorv

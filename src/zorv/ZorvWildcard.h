@@ -52,6 +52,8 @@ public:
 
 private:
     struct Builder;
+    size_t RowIndex(char16_t unit) const;
+    bool EndsLikeAnyPattern(std::u16string_view text) const;
     const uint64_t* Row(char16_t unit) const;
     static WildcardPattern Build(Builder& builder);
 
