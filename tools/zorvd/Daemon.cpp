@@ -22,8 +22,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <shared_mutex>
 #include <sstream>
+#include <unordered_map>
 
 #include <cjson/cJSON.h>
 #include <systemd/sd-daemon.h>
@@ -116,20 +118,59 @@ struct ProcessIdentity {
     std::string group;
 };
 
+// Names of users and groups, remembered for a while: NSS's files backend
+// opens and scans /etc/passwd and /etc/group on every call, two file reads
+// per event on the path a waiting exec pays for. A name changed in those
+// files is seen within kNameKeptNs.
+class NameCache {
+public:
+    template <typename Lookup>
+    std::string Find(unsigned id, Lookup lookup) {
+        const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                std::chrono::steady_clock::now().time_since_epoch()).count();
+        {
+            std::lock_guard<std::mutex> hold(m_mutex);
+            const auto found = m_names.find(id);
+            if (found != m_names.end() && now - found->second.seenNs < kNameKeptNs) return found->second.name;
+        }
+        std::string name = lookup(id);
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (m_names.size() >= kEntries) m_names.clear();
+        m_names[id] = Entry{name, now};
+        return name;
+    }
+
+private:
+    static constexpr int64_t kNameKeptNs = 30'000'000'000;
+    static constexpr size_t kEntries = 4096;
+    struct Entry {
+        std::string name;
+        int64_t seenNs;
+    };
+    std::mutex m_mutex;
+    std::unordered_map<unsigned, Entry> m_names;
+};
+
 std::string UserName(uid_t uid) {
-    struct passwd entry {};
-    struct passwd* found = nullptr;
-    char buffer[1024];
-    if (getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) return found->pw_name;
-    return std::to_string(uid);
+    static NameCache cache;
+    return cache.Find(uid, [](unsigned id) {
+        struct passwd entry {};
+        struct passwd* found = nullptr;
+        char buffer[1024];
+        if (getpwuid_r(id, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) return std::string(found->pw_name);
+        return std::to_string(id);
+    });
 }
 
 std::string GroupName(gid_t gid) {
-    struct group entry {};
-    struct group* found = nullptr;
-    char buffer[4096];
-    if (getgrgid_r(gid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) return found->gr_name;
-    return std::to_string(gid);
+    static NameCache cache;
+    return cache.Find(gid, [](unsigned id) {
+        struct group entry {};
+        struct group* found = nullptr;
+        char buffer[4096];
+        if (getgrgid_r(id, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) return std::string(found->gr_name);
+        return std::to_string(id);
+    });
 }
 
 // The acting process's command line, user and group. Read from /proc, which
