@@ -214,6 +214,9 @@ private:
     bool MoveAside(int version);
     bool PrepareStatements();
     void Finalize();
+    // The writer's commit hook (sqlite3_wal_hook): invalidates the readers'
+    // snapshots and checkpoints a long log.
+    static int OnWriterCommit(void* self, sqlite3* db, const char* name, int frames);
     bool _DeleteDB();
     // Runs one of the schema scripts; logs and answers false on failure.
     bool ExecSchema(sqlite3* db, size_t index);

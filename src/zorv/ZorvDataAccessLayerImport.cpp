@@ -477,6 +477,12 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
 
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer lock");
     std::lock_guard<std::mutex> lock(m_dbLock);
+    // Lookups keep no read snapshot while an import runs. Kept across its
+    // long write, they stretched the slowest starts during a million-item
+    // import several times over; kept across its full checkpoint, they would
+    // keep it waiting (the reload's own included) and the log from starting
+    // over at the next write.
+    const ZorvReadConnections::Pause pause(m_readers);
     const std::shared_ptr<sqlite3> dbHolder = m_DB;
     sqlite3* const db = dbHolder.get();
     if (db == nullptr) {

@@ -9,13 +9,32 @@
 // in its slot on first use and kept until Close. When no slot is free (more
 // threads than slots, all busy) or a connection cannot be opened, Acquire
 // answers empty and the caller reads through the writer as before.
+//
+// Snapshots. Beginning and ending a read transaction takes a lock on the
+// write-ahead log's shared memory, which SQLite guards with one mutex per
+// file in the process and a system call under it: two threads looking up
+// side by side queued there more than they looked. So a connection keeps its
+// read transaction (its snapshot) from one lease to the next, and lets it go
+//  - after every commit of the engine's writer (Invalidate, from its commit
+//    hook): idle connections at once, busy ones when their lease ends, so the
+//    next lookup sees what was committed;
+//  - when another process has committed: the log's index header (the first
+//    bytes of the -shm file, which SQLite's own readers compare to learn the
+//    same) is no longer what it was when the snapshot began;
+//  - when idle for kSnapshotLifetime, through the reaper (ReleaseIdleSnapshots,
+//    run by a worker the owner wakes), so that an idle engine never holds
+//    back another process's checkpoint or the log's restart;
+//  - while the writer checkpoints in full (Pause).
 #pragma once
 
 #include <sqlite3.h>
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,12 +53,17 @@ public:
         std::shared_ptr<sqlite3_stmt> md5;      // rules known only by MD5
         std::shared_ptr<sqlite3_stmt> any;      // SHA-256 and size, any source
         std::shared_ptr<sqlite3_stmt> setting;  // one AppControlState value
+        std::shared_ptr<sqlite3_stmt> begin;    // BEGIN: the snapshot is kept past the statement
+        std::shared_ptr<sqlite3_stmt> end;      // COMMIT: the snapshot is let go
+        // The log's index header, mapped by SQLite for as long as the
+        // connection is open; null until this connection's first read.
+        const volatile uint32_t* walIndex = nullptr;
     };
 
     class Lease {
     public:
         Lease() = default;
-        Lease(Lease&& other) noexcept : m_slot(other.m_slot) { other.m_slot = nullptr; }
+        Lease(Lease&& other) noexcept : m_owner(other.m_owner), m_slot(other.m_slot) { other.m_slot = nullptr; }
         Lease& operator=(Lease&&) = delete;
         ~Lease();
         explicit operator bool() const { return m_slot != nullptr; }
@@ -47,7 +71,8 @@ public:
 
     private:
         friend class ZorvReadConnections;
-        explicit Lease(Slot* slot) : m_slot(slot) {}
+        Lease(ZorvReadConnections* owner, Slot* slot) : m_owner(owner), m_slot(slot) {}
+        ZorvReadConnections* m_owner = nullptr;
         Slot* m_slot = nullptr;
     };
 
@@ -59,19 +84,76 @@ public:
     // Readers may connect to `path` from now on.
     void Open(const std::u16string& path);
     // No new lease from now on; waits for the leases in use to end, then
-    // closes every connection. A lease lasts one lookup.
+    // closes every connection (and so every snapshot). A lease lasts one lookup.
     void Close();
     Lease Acquire();
 
+    // Set before Open: wakes whoever runs ReleaseIdleSnapshots, or answers
+    // false when nobody would. Without a reaper no snapshot outlives its lease.
+    void SetReaper(std::function<bool()> wake);
+    // Something was committed: no lookup may answer from a snapshot older
+    // than this call. Never waits for a lookup.
+    void Invalidate();
+    // Lets go of the snapshots of idle connections that are stale or old;
+    // true while some connection still holds one (call again later).
+    bool ReleaseIdleSnapshots();
+
+    // While one is held, no snapshot is kept past its lease (those kept are
+    // let go as their leases end): the writer's full checkpoint waits for
+    // every reader of an older snapshot, and kept ones would keep it waiting.
+    class Pause {
+    public:
+        explicit Pause(ZorvReadConnections& owner);
+        ~Pause();
+        Pause(const Pause&) = delete;
+        Pause& operator=(const Pause&) = delete;
+
+    private:
+        ZorvReadConnections& m_owner;
+    };
+
+    // How long an idle connection may hold a snapshot (and how long one may
+    // answer for what another process commits, should its index header be
+    // out of sight).
+    static constexpr std::chrono::milliseconds kSnapshotLifetime{20};
+
 private:
+    using Clock = std::chrono::steady_clock;
     static constexpr size_t kSlots = 8;
+    // The first copy of the header: change counter, frame count, salts and
+    // checksums. Any commit, and any restart of the log, changes it.
+    static constexpr size_t kWalIndexHeaderWords = 12;
     struct alignas(64) Slot {
         std::atomic<bool> busy{false};
+        // The generation the held snapshot was begun in; 0 when none is held.
+        // Written by the slot's holder, read by anyone looking for stale ones.
+        std::atomic<uint64_t> snapshot{0};
+        Clock::time_point snapshotSince;   // touched only by the slot's holder
+        std::array<uint32_t, kWalIndexHeaderWords> snapshotHeader{};  // the same
+        bool keepSnapshot = false;         // a reaper will let it go if idle
         std::unique_ptr<Lookups> lookups;  // touched only by the slot's holder
     };
     bool Connect(Slot& slot);
+    // Both for the slot's holder only.
+    void BeginSnapshot(Slot& slot);
+    void EndSnapshot(Slot& slot);
+    void EndLease(Slot& slot);
+    // Whether the snapshot may no longer be the last commit.
+    bool Outdated(const Slot& slot) const;
+    static void MapWalIndex(Lookups& lookups);
+    static void ReadWalIndexHeader(const Lookups& lookups, std::array<uint32_t, kWalIndexHeaderWords>& header);
+    // Takes an idle slot and lets its snapshot go when `stale` says so; then
+    // looks again, for a commit that came while it held the slot.
+    template <typename Predicate>
+    void ReleaseIfIdle(Slot& slot, Predicate stale);
+    // Committed over, or paused: to be let go at the first chance.
+    bool Stale(const Slot& slot) const;
 
     std::array<Slot, kSlots> m_slots;
+    std::atomic<uint64_t> m_generation{1};
+    std::atomic<bool> m_reaperWoken{false};
+    std::atomic<int> m_paused{0};  // Pauses held
+    std::function<bool()> m_wakeReaper;  // set before Open, then only read
     std::atomic<bool> m_open{false};
     std::mutex m_pathLock;  // guards m_path, read when a slot connects
     std::u16string m_path;

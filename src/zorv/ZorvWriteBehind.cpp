@@ -109,14 +109,53 @@ void ZorvWriteBehind::Abandon() {
     for (const Task& task : left) Run(task);
 }
 
+void ZorvWriteBehind::SetTick(std::function<bool()> tick, std::chrono::milliseconds interval) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_tick = std::move(tick);
+    m_tickInterval = interval;
+}
+
+bool ZorvWriteBehind::Wake() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_running || m_stopping || !m_tick) return false;
+    m_wokenInTick = true;
+    if (!m_ticking) {
+        m_ticking = true;
+        m_nextTick = std::chrono::steady_clock::now() + m_tickInterval;
+        m_wake.notify_one();
+    }
+    return true;
+}
+
 void ZorvWriteBehind::Work() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        m_wake.wait(lock, [this] { return m_stopping || !m_tasks.empty(); });
-        if (m_tasks.empty()) {
+        const auto ready = [this] { return m_stopping || !m_tasks.empty(); };
+        if (m_ticking) {
+            m_wake.wait_until(lock, m_nextTick, ready);
+        } else {
+            m_wake.wait(lock, [&] { return ready() || m_ticking; });
+        }
+        if (m_tasks.empty() && m_stopping) {
             // Stopping, and everything is stored; a later Post runs inline.
             m_running = false;
             return;
+        }
+        if (m_tasks.empty()) {
+            if (!m_ticking || std::chrono::steady_clock::now() < m_nextTick) continue;
+            // A Wake while the tick runs may be for something the tick has
+            // already passed over: it earns one more round.
+            m_wokenInTick = false;
+            lock.unlock();
+            bool again = false;
+            try {
+                again = m_tick();
+            } catch (...) {
+            }
+            lock.lock();
+            m_ticking = again || m_wokenInTick;
+            m_nextTick = std::chrono::steady_clock::now() + m_tickInterval;
+            continue;
         }
         Task task = std::move(m_tasks.front());
         m_tasks.pop_front();

@@ -5,12 +5,13 @@
 // seconds.
 //
 // Thread-safe. One mutex guards the queue and is held only to add or take
-// tasks, never while one runs. A task posted while the worker runs reaches the
+// tasks, never while one (or a tick) runs. A task posted while the worker runs reaches the
 // store as soon as the writer is free; Drain runs what is queued on the
 // caller's thread (a flush), and Stop runs it all before the worker ends, so
 // nothing posted while the store is open is lost.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -39,18 +40,30 @@ public:
     // Runs what is queued, then ends the worker.
     void Stop();
 
+    // Housekeeping the worker does between tasks: from a Wake on, `tick` runs
+    // every `interval` until it answers false. Set before Start.
+    void SetTick(std::function<bool()> tick, std::chrono::milliseconds interval);
+    // Starts the ticks, or asks for one more round if they run. False when no
+    // worker runs, so that nothing would ever tick.
+    bool Wake();
+
 private:
     void Work();
     // Stop at process exit, once the system has ended the worker.
     void Abandon();
 
-    std::mutex m_mutex;               // guards the four members below
+    std::mutex m_mutex;               // guards the members below up to m_nextTick
     std::condition_variable m_wake;   // a task arrived, or Stop
     std::condition_variable m_idle;   // the worker finished a task
     std::deque<Task> m_tasks;
     bool m_running = false;           // a worker takes tasks
     bool m_busy = false;              // the worker runs a task it took
     bool m_stopping = false;
+    bool m_ticking = false;           // a tick is due at m_nextTick
+    bool m_wokenInTick = false;       // a Wake came while a tick ran
+    std::chrono::steady_clock::time_point m_nextTick;
+    std::function<bool()> m_tick;     // set before Start, then only read
+    std::chrono::milliseconds m_tickInterval{0};
     std::thread m_worker;             // started and joined by Start and Stop only
     std::mutex m_lifecycle;           // serialises Start and Stop
 };

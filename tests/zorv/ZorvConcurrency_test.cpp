@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <future>
 #include <thread>
 #include <utility>
@@ -218,6 +220,98 @@ TEST_F(ZorvConcurrency, NoAllowFromReplacedRulesSurvivesTheImport) {
         if (Ask(check).second == AC_DECISION_ALLOW) ++stale;
     }
     EXPECT_EQ(stale, 0) << "of " << kTries << " imports";
+    ZorvLogger::Instance().SetLevel(0xF);
+}
+
+// The engine's readers keep their snapshot from one lookup to the next. A
+// start that begins after store_item has returned must answer from what it
+// stored, on every thread; none that overlaps no store may answer from before.
+// Each round stores the one item that allows the program of that round.
+TEST_F(ZorvConcurrency, EveryStartAfterAStoreReturnsAnswersFromIt) {
+    ZorvLogger::Instance().SetLevel(AC_LOG_ERROR);
+    AppControlConfig::Instance().SetLockdown(true);
+    std::atomic<int> version{0};  // the last round whose store has returned
+    std::atomic<bool> storing{false};
+    std::atomic<bool> stop{false};
+    std::atomic<int> judged{0}, stale{0};
+    std::vector<std::thread> starters;
+    for (int t = 0; t < 3; ++t) {
+        starters.emplace_back([&, t] {
+            PluginEvent start;
+            start.name = u"c:\\apps\\t.exe";
+            uint64_t pid = 1000 + 100000 * t;
+            while (!stop.load()) {
+                const bool during = storing.load();
+                const int before = version.load();
+                start.digestFill = static_cast<uint8_t>(before);
+                start.pid = ++pid;
+                const uint32_t action = Ask(start).second;
+                if (during || before == 0 || storing.load() || version.load() != before) continue;
+                ++judged;
+                if (action != AC_DECISION_ALLOW) ++stale;
+            }
+        });
+    }
+    const std::u16string name = u"t.exe", path = u"c:\\apps", full = u"c:\\apps\\t.exe", ruleset = u"r";
+    for (int round = 1; round <= 100; ++round) {
+        InventoryItemRecord item{};
+        std::fill(std::begin(item.sha256), std::end(item.sha256), static_cast<uint8_t>(round));
+        item.source = AC_SOURCE_SCANNED;
+        item.isAuthorized = 1;
+        item.size = 4096;
+        item.fileName = test::Host(name);
+        item.path = test::Host(path);
+        item.fullPath = test::Host(full);
+        item.ruleset = test::Host(ruleset);
+        storing = true;
+        ASSERT_EQ(store_item(&item, 0), AC_OK);
+        version = round;
+        storing = false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    stop = true;
+    for (auto& starter : starters) starter.join();
+    EXPECT_GT(judged.load(), 100);
+    EXPECT_EQ(stale.load(), 0) << "of " << judged.load() << " starts";
+    ZorvLogger::Instance().SetLevel(0xF);
+}
+
+// While lookups never pause, the write-ahead log must still start over after
+// each import's checkpoint; a reader left on a mark of the old log would make
+// every import append to it instead, and the file would grow without end.
+TEST_F(ZorvConcurrency, TheLogStartsOverBetweenImportsWhileLookupsRun) {
+    const auto ruleset = [](int round) {
+        std::u16string text = u"{\"rules\":[";
+        for (int i = 0; i < 300; ++i) {
+            char digest[65];
+            std::snprintf(digest, sizeof digest, "%08x%056x", round, i);
+            text += (i ? u"," : u"") + std::u16string(u"{\"fileName\":\"f.exe\",\"sha256\":\"") +
+                    test::U16(digest) + u"\",\"size\":1,\"action\":\"allow\"}";
+        }
+        return text + u"]}";
+    };
+    ZorvLogger::Instance().SetLevel(AC_LOG_ERROR);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> lookups;
+    for (int t = 0; t < 2; ++t) {
+        lookups.emplace_back([&, t] {
+            PluginEvent start;
+            start.name = u"c:\\apps\\f.exe";
+            start.digestFill = 0x5A;
+            start.pid = 2000 + t;
+            while (!stop.load()) Ask(start);
+        });
+    }
+    const auto logSize = [&] { return std::filesystem::file_size(m_dir / "ac.db-wal"); };
+    uintmax_t first = 0, largest = 0;
+    for (int round = 1; round <= 20; ++round) {
+        ASSERT_EQ(set_ruleset_buffer(0, test::Host(ruleset(round)), test::Host(u"executionRules")), AC_OK);
+        if (round == 1) first = logSize();
+        largest = std::max(largest, logSize());
+    }
+    stop = true;
+    for (auto& thread : lookups) thread.join();
+    EXPECT_LE(largest, 3 * first) << "log after the first import: " << first << " bytes";
     ZorvLogger::Instance().SetLevel(0xF);
 }
 

@@ -3,8 +3,10 @@
 // Rows are seeded through a second connection into a real ac.db.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -168,6 +170,45 @@ TEST_F(ZorvLookup, RefusesWithoutSha256OrConnection) {
     m_dal.Shutdown();
     EXPECT_FALSE(m_dal.IsAllowedInDB(closed));
     EXPECT_EQ(closed.dbVerdict, AC_DB_NOT_KNOWN);
+}
+
+// Lookups keep their read snapshot from one to the next. Another program's
+// commit must still reach the very next lookup, whichever of the engine's
+// connections answers it.
+TEST_F(ZorvLookup, AnotherProgramsCommitIsSeenByTheVeryNextLookup) {
+    for (int i = 1; i <= 40; ++i) {
+        const auto digest = static_cast<uint8_t>(i);
+        ASSERT_EQ(Verdict(File(digest)), AC_DB_NOT_KNOWN) << i;
+        Seed({{.id = i, .sha256 = digest, .size = 100, .source = 1, .ruleset = "rs"}});
+        ASSERT_EQ(Verdict(File(digest)), AC_DB_ALLOWED) << "row " << i << " is not seen";
+        std::thread other([&] { EXPECT_EQ(Verdict(File(digest)), AC_DB_ALLOWED) << "row " << i << ", other thread"; });
+        other.join();
+        test::SqliteProbe(m_dir / "ac.db").Exec("DELETE FROM InventoryItems WHERE inventoryItemId = " +
+                                                std::to_string(i) + ";");
+        ASSERT_EQ(Verdict(File(digest)), AC_DB_NOT_KNOWN) << "the removal of row " << i << " is not seen";
+    }
+}
+
+// A snapshot held by an idle engine would keep another program's full
+// checkpoint waiting for its whole busy timeout, and then failing.
+TEST_F(ZorvLookup, AnIdleEngineHoldsNoSnapshotThatStopsAnotherProgramsCheckpoint) {
+    Seed({{.id = 1, .sha256 = 0x11, .size = 100, .source = 1, .ruleset = "rs"}});
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 50; ++i) EXPECT_EQ(Verdict(File(0x11)), AC_DB_ALLOWED);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    test::SqliteProbe other(m_dir / "ac.db");
+    other.Exec("INSERT INTO InventoryItems(sha256, size, isAuthorized, source) VALUES(randomblob(32), 1, 1, 3);");
+    const auto begun = std::chrono::steady_clock::now();
+    const auto result = other.Rows("PRAGMA wal_checkpoint(FULL);");
+    const auto waited = std::chrono::steady_clock::now() - begun;
+    ASSERT_EQ(result.size(), 1u);
+    EXPECT_EQ(result[0][0], "0") << "the checkpoint was kept waiting by a reader";
+    EXPECT_EQ(result[0][1], result[0][2]) << "frames left in the log";
+    EXPECT_LT(waited, std::chrono::seconds(2));
 }
 
 }  // namespace
