@@ -83,9 +83,10 @@ uint64_t WallMs() {
             .count());
 }
 
-std::string ReadLink(const std::string& path) {
+// `dir` is AT_FDCWD or a directory `path` is relative to.
+std::string ReadLinkAt(int dir, const char* path) {
     char buffer[PATH_MAX];
-    const ssize_t length = readlink(path.c_str(), buffer, sizeof buffer - 1);
+    const ssize_t length = readlinkat(dir, path, buffer, sizeof buffer - 1);
     if (length <= 0) return {};
     std::string text(buffer, static_cast<size_t>(length));
     static const std::string kDeleted = " (deleted)";
@@ -94,10 +95,20 @@ std::string ReadLink(const std::string& path) {
     return text;
 }
 
+std::string ReadLink(const std::string& path) { return ReadLinkAt(AT_FDCWD, path.c_str()); }
+
 std::string FdPath(int fd) { return ReadLink("/proc/self/fd/" + std::to_string(fd)); }
 
-std::string ReadSmallFile(const std::string& path, size_t limit) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// A process's /proc directory, opened once for the files read from it while
+// its event is with us: each path from /proc itself looks the pid up again,
+// and for a process that has just started that lookup builds its entries
+// afresh. The pid cannot be reused meanwhile: the process waits for us.
+int OpenProcDir(pid_t pid) {
+    return open(("/proc/" + std::to_string(pid)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
+std::string ReadSmallFileAt(int dir, const char* path, size_t limit) {
+    const int fd = openat(dir, path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return {};
     std::string text(limit, '\0');
     size_t total = 0;
@@ -110,6 +121,14 @@ std::string ReadSmallFile(const std::string& path, size_t limit) {
     close(fd);
     text.resize(total);
     return text;
+}
+
+std::string ReadSmallFile(const std::string& path, size_t limit) { return ReadSmallFileAt(AT_FDCWD, path.c_str(), limit); }
+
+// The files of process `pid`, through its directory when one is open.
+std::string ReadProcFile(pid_t pid, int procDir, const char* name, size_t limit) {
+    return procDir >= 0 ? ReadSmallFileAt(procDir, name, limit)
+                        : ReadSmallFile("/proc/" + std::to_string(pid) + "/" + name, limit);
 }
 
 struct ProcessIdentity {
@@ -176,14 +195,13 @@ std::string GroupName(gid_t gid) {
 // The acting process's command line, user and group. Read from /proc, which
 // no fanotify mark covers; the names are looked up through NSS, which may open
 // files: never called on the thread that reads events.
-ProcessIdentity IdentityOf(pid_t pid) {
+ProcessIdentity IdentityOf(pid_t pid, int procDir = -1) {
     ProcessIdentity identity;
-    const std::string base = "/proc/" + std::to_string(pid);
-    std::string line = ReadSmallFile(base + "/cmdline", 4096);
+    std::string line = ReadProcFile(pid, procDir, "cmdline", 4096);
     while (!line.empty() && line.back() == '\0') line.pop_back();
     std::replace(line.begin(), line.end(), '\0', ' ');
     identity.commandLine = line;
-    const std::string status = ReadSmallFile(base + "/status", 4096);
+    const std::string status = ReadProcFile(pid, procDir, "status", 4096);
     const size_t uidAt = status.find("\nUid:");
     const size_t gidAt = status.find("\nGid:");
     if (uidAt != std::string::npos) identity.user = UserName(static_cast<uid_t>(std::strtoul(status.c_str() + uidAt + 5, nullptr, 10)));
@@ -208,7 +226,7 @@ bool HasScriptExtension(const std::string& path) {
 // exec event already judged; a write open (an editor, a linker writing its
 // output, a redirection into a script) is not a run either: interpreters read
 // their scripts and loaders their libraries read-only.
-bool OpenIsNoRun(pid_t pid) {
+bool OpenIsNoRun(pid_t pid, int procDir) {
 #if defined(__x86_64__)
     constexpr long kOpen = 2, kCreat = 85, kOpenAt = 257, kExecve = 59, kExecveAt = 322;
 #elif defined(__aarch64__)
@@ -216,7 +234,7 @@ bool OpenIsNoRun(pid_t pid) {
 #else
     constexpr long kOpen = -1, kCreat = -1, kOpenAt = -1, kExecve = -1, kExecveAt = -1;
 #endif
-    const std::string text = ReadSmallFile("/proc/" + std::to_string(pid) + "/syscall", 256);
+    const std::string text = ReadProcFile(pid, procDir, "syscall", 256);
     if (text.empty()) return false;
     char* end = nullptr;
     const long number = std::strtol(text.c_str(), &end, 10);
@@ -289,6 +307,7 @@ const char* ReasonText(const AppCtlResult& result) {
 
 PermissionEvent::~PermissionEvent() {
     if (fd >= 0) close(fd);
+    if (procDir >= 0) close(procDir);
 }
 
 // ---- JobQueue ------------------------------------------------------------
@@ -651,8 +670,9 @@ FileKind Daemon::Classify(int fd, const struct stat& status) {
 // The program of a process, from /proc while it lives; a process that has
 // already exited (a writer that closed its file and quit) is answered from
 // what an earlier event of the same pid showed.
-std::string Daemon::ProgramOf(pid_t pid) {
-    const std::string program = ReadLink("/proc/" + std::to_string(pid) + "/exe");
+std::string Daemon::ProgramOf(pid_t pid, int procDir) {
+    const std::string program =
+        procDir >= 0 ? ReadLinkAt(procDir, "exe") : ReadLink("/proc/" + std::to_string(pid) + "/exe");
     const int64_t now = NowNs();
     std::lock_guard<std::mutex> hold(m_programMutex);
     if (!program.empty()) {
@@ -757,7 +777,8 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
     job.id = id;
     // Remember who opens what while the opener is still blocked here: a
     // writer that exits before its close-write is read is then still known.
-    ProgramOf(event->pid);
+    event->procDir = OpenProcDir(event->pid);
+    job.program = ProgramOf(event->pid, event->procDir);
     if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
         m_counters.exec.fetch_add(1, std::memory_order_relaxed);
         job.kind = JobKind::Exec;
@@ -765,7 +786,7 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
         const FileKind classified = Classify(event->fd, status);
         FileKind kind = classified;
-        if (kind != FileKind::Plain && OpenIsNoRun(event->pid)) kind = FileKind::Plain;
+        if (kind != FileKind::Plain && OpenIsNoRun(event->pid, event->procDir)) kind = FileKind::Plain;
         if (kind == FileKind::Elf && m_config.libraries) {
             m_counters.library.fetch_add(1, std::memory_order_relaxed);
             job.kind = JobKind::Library;
@@ -812,7 +833,7 @@ void Daemon::HandleWrite(int fd, pid_t pid) {
     job.kind = JobKind::Write;
     job.id = id;
     job.event = holder;
-    job.writer = ProgramOf(pid);
+    job.program = ProgramOf(pid);
     {
         std::lock_guard<std::mutex> hold(m_pendingMutex);
         ++m_pendingWrites[id];
@@ -879,8 +900,9 @@ void Daemon::Decide(Job& job) {
         return;
     }
     const std::string target = FdPath(event.fd);
-    const std::string program = ProgramOf(event.pid);
-    const ProcessIdentity identity = IdentityOf(event.pid);
+    // Read by the reader while the process waited, and it waits still.
+    const std::string program = job.program.empty() ? ProgramOf(event.pid, event.procDir) : job.program;
+    const ProcessIdentity identity = IdentityOf(event.pid, event.procDir);
     EventTexts texts;
     texts.name = Widen(target);
     texts.processName = Widen(program);
@@ -943,7 +965,7 @@ void Daemon::JudgeWrite(Job& job) {
     const ProcessIdentity identity = IdentityOf(job.event->pid);
     EventTexts texts;
     texts.name = Widen(FdPath(fd));
-    texts.processName = Widen(job.writer);
+    texts.processName = Widen(job.program);
     texts.cmdLine = Widen(identity.commandLine);
     texts.user = Widen(identity.user);
     texts.group = Widen(identity.group);

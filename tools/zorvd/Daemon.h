@@ -45,6 +45,7 @@ enum class FileKind : uint8_t { Plain, Elf, Script };
 struct PermissionEvent {
     int fd = -1;
     pid_t pid = 0;
+    int procDir = -1;  // /proc/<pid>, opened when the event is read; -1 if that failed
     uint64_t mask = 0;
     int64_t arrivedNs = 0;
     int64_t deadlineNs = 0;
@@ -61,7 +62,7 @@ struct Job {
     JobKind kind = JobKind::Exec;
     std::shared_ptr<PermissionEvent> event;  // Write jobs: the written file's descriptor, never answered
     FileId id;
-    std::string writer;                      // Write jobs: the writing program, taken when the event was read
+    std::string program;                     // the program behind the event, taken when the event was read
 };
 
 // A bounded queue of jobs; Push refuses when full instead of waiting.
@@ -170,7 +171,7 @@ private:
     // False when the write is still unjudged at the deadline.
     bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
     void FinishPendingWrite(const FileId& id);
-    std::string ProgramOf(pid_t pid);
+    std::string ProgramOf(pid_t pid, int procDir = -1);
     bool IsIgnored(const std::string& path) const;
 
     std::string HandleControlRequest(const std::string& line);
