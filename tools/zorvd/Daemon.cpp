@@ -777,9 +777,12 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
     job.id = id;
     // Remember who opens what while the opener is still blocked here: a
     // writer that exits before its close-write is read is then still known.
-    event->procDir = OpenProcDir(event->pid);
+    // An exec is always judged, so its /proc directory is opened for all
+    // that is read there; most opens are answered at once and need only this.
+    const bool exec = (event->mask & FAN_OPEN_EXEC_PERM) != 0;
+    if (exec) event->procDir = OpenProcDir(event->pid);
     job.program = ProgramOf(event->pid, event->procDir);
-    if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+    if (exec) {
         m_counters.exec.fetch_add(1, std::memory_order_relaxed);
         job.kind = JobKind::Exec;
     } else {
