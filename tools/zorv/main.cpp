@@ -4,6 +4,7 @@
 #include <map>
 
 #include "Commands.h"
+#include "HostEngine.h"
 
 int main(int argc, char** argv) {
     using namespace zorv::cli;
@@ -30,7 +31,15 @@ int main(int argc, char** argv) {
                    "Act on a running zorvd through its control socket (default $ZORV_SOCKET): import, metrics, "
                    "status, mode, maintenance, ps");
     app.add_option("--log", common.log, "Write the engine's log to FILE, or to standard error with -");
-    app.add_option("--log-level", common.logLevel, "error, warning, info (default with --log) or trace");
+    // Checked while the line is read, so that a wrong level is a usage error
+    // like any other, before a store is opened.
+    app.add_option("--log-level", common.logLevel, "error, warning, info (default with --log) or trace")
+        ->check(CLI::Validator(
+            [](const std::string& level) {
+                return zorv::host::ParseLogLevel(level) ? std::string()
+                                                        : "not one of error, warning, info, trace or a mask 0..15";
+            },
+            "LEVEL"));
     app.add_flag("--json", common.json, "Print results as JSON");
     app.add_flag("-q,--quiet", common.quiet, "Print nothing but errors and requested data");
 
