@@ -205,7 +205,7 @@ ZorvDAL::ZorvDAL() : m_schema(Scripts()) {
     // worker lets go of those left idle.
     m_readers.SetReaper([this] { return m_writeBehind.Wake(); });
     m_writeBehind.SetTick([this] { return m_readers.ReleaseIdleSnapshots(); },
-                          ZorvReadConnections::kSnapshotLifetime);
+                          ZorvReadConnections::kIdleRelease);
 }
 
 int ZorvDAL::OnWriterCommit(void* self, sqlite3* db, const char* name, int frames) {

@@ -477,12 +477,6 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
 
     ZORV_LOG(kLogTrace, kImportFn, u"ImportRulesetBuffer lock");
     std::lock_guard<std::mutex> lock(m_dbLock);
-    // Lookups keep no read snapshot while an import runs. Kept across its
-    // long write, they stretched the slowest starts during a million-item
-    // import several times over; kept across its full checkpoint, they would
-    // keep it waiting (the reload's own included) and the log from starting
-    // over at the next write.
-    const ZorvReadConnections::Pause pause(m_readers);
     const std::shared_ptr<sqlite3> dbHolder = m_DB;
     sqlite3* const db = dbHolder.get();
     if (db == nullptr) {
@@ -548,6 +542,12 @@ bool ZorvDAL::ImportRulesetLocked(uint8_t append, RulesetKind kind, std::string_
     // on a read connection, which sees the commit: the checkpoint waits on
     // the disk, the reload on the processor, and the import returns only
     // once both are done.
+    //
+    // Lookups keep no read snapshot from here on: the full checkpoint waits
+    // for every reader that holds one (the reload's own included), and those
+    // kept across it would also keep the log from starting over at the next
+    // write.
+    const ZorvReadConnections::Pause pause(m_readers);
     const ZorvReadConnections::Lease reader =
         kind != RulesetKind::ItemRuleset ? m_readers.Acquire() : ZorvReadConnections::Lease{};
     JoinedThread reloader;

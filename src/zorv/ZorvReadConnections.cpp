@@ -169,7 +169,11 @@ void ZorvReadConnections::EndLease(Slot& slot) {
         // starts afresh, as it would have without snapshots.
         const int code = sqlite3_errcode(slot.lookups->db.get());
         const bool failed = code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE;
-        if (!slot.keepSnapshot || failed || held != m_generation.load() || m_paused.load() != 0) EndSnapshot(slot);
+        if (!slot.keepSnapshot || failed || held != m_generation.load() || m_paused.load() != 0) {
+            EndSnapshot(slot);
+        } else {
+            slot.lastUsed = Clock::now();
+        }
     }
     slot.busy.store(false);
     // A commit between the test above and the store found the slot busy and
@@ -220,7 +224,7 @@ bool ZorvReadConnections::ReleaseIdleSnapshots() {
     bool held = false;
     for (Slot& slot : m_slots) {
         if (slot.snapshot.load() == 0) continue;
-        ReleaseIfIdle(slot, [&](const Slot& s) { return now - s.snapshotSince >= kSnapshotLifetime || Stale(s) || Outdated(s); });
+        ReleaseIfIdle(slot, [&](const Slot& s) { return now - s.lastUsed >= kIdleRelease || Stale(s) || Outdated(s); });
         if (slot.snapshot.load() != 0) held = true;
     }
     if (held) m_reaperWoken.store(true);

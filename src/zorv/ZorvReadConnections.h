@@ -21,7 +21,7 @@
 //  - when another process has committed: the log's index header (the first
 //    bytes of the -shm file, which SQLite's own readers compare to learn the
 //    same) is no longer what it was when the snapshot began;
-//  - when idle for kSnapshotLifetime, through the reaper (ReleaseIdleSnapshots,
+//  - when unused for kIdleRelease, through the reaper (ReleaseIdleSnapshots,
 //    run by a worker the owner wakes), so that an idle engine never holds
 //    back another process's checkpoint or the log's restart;
 //  - while the writer checkpoints in full (Pause).
@@ -112,9 +112,13 @@ public:
         ZorvReadConnections& m_owner;
     };
 
-    // How long an idle connection may hold a snapshot (and how long one may
-    // answer for what another process commits, should its index header be
-    // out of sight).
+    // How long a connection no lookup has used may keep its snapshot, and
+    // so how often the reaper looks while any is kept. Every look wakes a
+    // thread, which on a busy machine takes a processor from someone: a
+    // snapshot in use is never reaped, and the reaper looks seldom.
+    static constexpr std::chrono::milliseconds kIdleRelease{200};
+    // How long a snapshot may answer for what another process commits, should
+    // the log's index header be out of sight.
     static constexpr std::chrono::milliseconds kSnapshotLifetime{20};
 
 private:
@@ -129,6 +133,7 @@ private:
         // Written by the slot's holder, read by anyone looking for stale ones.
         std::atomic<uint64_t> snapshot{0};
         Clock::time_point snapshotSince;   // touched only by the slot's holder
+        Clock::time_point lastUsed;        // the same: when the last lease ended
         std::array<uint32_t, kWalIndexHeaderWords> snapshotHeader{};  // the same
         bool keepSnapshot = false;         // a reaper will let it go if idle
         std::unique_ptr<Lookups> lookups;  // touched only by the slot's holder
