@@ -137,6 +137,7 @@ void ZorvReadConnections::BeginSnapshot(Slot& slot) {
     sqlite3_reset(begin);
     if (rc != SQLITE_DONE) return;  // the lease reads in autocommit, as without snapshots
     slot.snapshotSince = Clock::now();
+    slot.usedSinceLook = true;
     slot.snapshot.store(generation);
     // After the store: a reaper that has just looked and found nothing to do
     // is woken again (ReleaseIdleSnapshots clears the flag before it looks).
@@ -169,19 +170,16 @@ void ZorvReadConnections::EndLease(Slot& slot) {
         // starts afresh, as it would have without snapshots.
         const int code = sqlite3_errcode(slot.lookups->db.get());
         const bool failed = code != SQLITE_OK && code != SQLITE_ROW && code != SQLITE_DONE;
-        if (!slot.keepSnapshot || failed || held != m_generation.load() || m_paused.load() != 0) {
+        if (!slot.keepSnapshot || failed || Stale(slot)) {
             EndSnapshot(slot);
         } else {
-            slot.lastUsed = Clock::now();
+            slot.usedSinceLook = true;
         }
     }
     slot.busy.store(false);
     // A commit between the test above and the store found the slot busy and
     // left its snapshot to this lease; seen here, or the slot was free for it.
-    const uint64_t held = slot.snapshot.load();
-    if (held != 0 && (held != m_generation.load() || m_paused.load() != 0)) {
-        ReleaseIfIdle(slot, [this](const Slot& s) { return Stale(s); });
-    }
+    if (slot.snapshot.load() != 0 && Stale(slot)) ReleaseIfIdle(slot, [this](const Slot& s) { return Stale(s); });
 }
 
 template <typename Predicate>
@@ -192,8 +190,7 @@ void ZorvReadConnections::ReleaseIfIdle(Slot& slot, Predicate stale) {
         slot.busy.store(false);
         // A commit (or a Pause) while the slot was held here found it busy
         // and left it to whoever held it: look again.
-        const uint64_t held = slot.snapshot.load();
-        if (held == 0 || (held == m_generation.load() && m_paused.load() == 0)) return;
+        if (slot.snapshot.load() == 0 || !Stale(slot)) return;
     }
 }
 
@@ -220,11 +217,15 @@ bool ZorvReadConnections::ReleaseIdleSnapshots() {
     // Cleared before looking: a snapshot begun after the look wakes the
     // reaper again.
     m_reaperWoken.store(false);
-    const Clock::time_point now = Clock::now();
     bool held = false;
     for (Slot& slot : m_slots) {
         if (slot.snapshot.load() == 0) continue;
-        ReleaseIfIdle(slot, [&](const Slot& s) { return now - s.lastUsed >= kIdleRelease || Stale(s) || Outdated(s); });
+        // Unused since the last look, a whole interval ago: let it go.
+        ReleaseIfIdle(slot, [this](Slot& s) {
+            const bool unused = !s.usedSinceLook;
+            s.usedSinceLook = false;
+            return unused || Stale(s) || Outdated(s);
+        });
         if (slot.snapshot.load() != 0) held = true;
     }
     if (held) m_reaperWoken.store(true);

@@ -21,7 +21,7 @@
 //  - when another process has committed: the log's index header (the first
 //    bytes of the -shm file, which SQLite's own readers compare to learn the
 //    same) is no longer what it was when the snapshot began;
-//  - when unused for kIdleRelease, through the reaper (ReleaseIdleSnapshots,
+//  - when unused through one of the reaper's intervals (ReleaseIdleSnapshots,
 //    run by a worker the owner wakes), so that an idle engine never holds
 //    back another process's checkpoint or the log's restart;
 //  - while the writer checkpoints in full (Pause).
@@ -112,9 +112,9 @@ public:
         ZorvReadConnections& m_owner;
     };
 
-    // How long a connection no lookup has used may keep its snapshot, and
-    // so how often the reaper looks while any is kept. Every look wakes a
-    // thread, which on a busy machine takes a processor from someone: a
+    // How often the reaper looks while any snapshot is kept; one unused
+    // since its last look is let go, within two intervals. Every look wakes
+    // a thread, which on a busy machine takes a processor from someone: a
     // snapshot in use is never reaped, and the reaper looks seldom.
     static constexpr std::chrono::milliseconds kIdleRelease{200};
     // How long a snapshot may answer for what another process commits, should
@@ -133,7 +133,7 @@ private:
         // Written by the slot's holder, read by anyone looking for stale ones.
         std::atomic<uint64_t> snapshot{0};
         Clock::time_point snapshotSince;   // touched only by the slot's holder
-        Clock::time_point lastUsed;        // the same: when the last lease ended
+        bool usedSinceLook = false;        // the same: a lease ended since the reaper's last look
         std::array<uint32_t, kWalIndexHeaderWords> snapshotHeader{};  // the same
         bool keepSnapshot = false;         // a reaper will let it go if idle
         std::unique_ptr<Lookups> lookups;  // touched only by the slot's holder
@@ -149,6 +149,7 @@ private:
     static void ReadWalIndexHeader(const Lookups& lookups, std::array<uint32_t, kWalIndexHeaderWords>& header);
     // Takes an idle slot and lets its snapshot go when `stale` says so; then
     // looks again, for a commit that came while it held the slot.
+    // `stale` runs as the slot's holder.
     template <typename Predicate>
     void ReleaseIfIdle(Slot& slot, Predicate stale);
     // Committed over, or paused: to be let go at the first chance.

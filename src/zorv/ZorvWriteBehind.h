@@ -5,10 +5,10 @@
 // seconds.
 //
 // Thread-safe. One mutex guards the queue and is held only to add or take
-// tasks, never while one (or a tick) runs. A task posted while the worker runs reaches the
-// store as soon as the writer is free; Drain runs what is queued on the
-// caller's thread (a flush), and Stop runs it all before the worker ends, so
-// nothing posted while the store is open is lost.
+// tasks, never while one (or a tick) runs. A task posted while the worker
+// runs reaches the store as soon as the writer is free; Drain runs what is
+// queued on the caller's thread (a flush), and Stop runs it all before the
+// worker ends, so nothing posted while the store is open is lost.
 #pragma once
 
 #include <chrono>

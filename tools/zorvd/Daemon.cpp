@@ -123,12 +123,10 @@ std::string ReadSmallFileAt(int dir, const char* path, size_t limit) {
     return text;
 }
 
-std::string ReadSmallFile(const std::string& path, size_t limit) { return ReadSmallFileAt(AT_FDCWD, path.c_str(), limit); }
-
 // The files of process `pid`, through its directory when one is open.
 std::string ReadProcFile(pid_t pid, int procDir, const char* name, size_t limit) {
-    return procDir >= 0 ? ReadSmallFileAt(procDir, name, limit)
-                        : ReadSmallFile("/proc/" + std::to_string(pid) + "/" + name, limit);
+    if (procDir >= 0) return ReadSmallFileAt(procDir, name, limit);
+    return ReadSmallFileAt(AT_FDCWD, ("/proc/" + std::to_string(pid) + "/" + name).c_str(), limit);
 }
 
 struct ProcessIdentity {
@@ -226,7 +224,7 @@ bool HasScriptExtension(const std::string& path) {
 // exec event already judged; a write open (an editor, a linker writing its
 // output, a redirection into a script) is not a run either: interpreters read
 // their scripts and loaders their libraries read-only.
-bool OpenIsNoRun(pid_t pid, int procDir) {
+bool OpenIsNoRun(pid_t pid) {
 #if defined(__x86_64__)
     constexpr long kOpen = 2, kCreat = 85, kOpenAt = 257, kExecve = 59, kExecveAt = 322;
 #elif defined(__aarch64__)
@@ -234,7 +232,7 @@ bool OpenIsNoRun(pid_t pid, int procDir) {
 #else
     constexpr long kOpen = -1, kCreat = -1, kOpenAt = -1, kExecve = -1, kExecveAt = -1;
 #endif
-    const std::string text = ReadProcFile(pid, procDir, "syscall", 256);
+    const std::string text = ReadProcFile(pid, -1, "syscall", 256);
     if (text.empty()) return false;
     char* end = nullptr;
     const long number = std::strtol(text.c_str(), &end, 10);
@@ -789,7 +787,7 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
         const FileKind classified = Classify(event->fd, status);
         FileKind kind = classified;
-        if (kind != FileKind::Plain && OpenIsNoRun(event->pid, event->procDir)) kind = FileKind::Plain;
+        if (kind != FileKind::Plain && OpenIsNoRun(event->pid)) kind = FileKind::Plain;
         if (kind == FileKind::Elf && m_config.libraries) {
             m_counters.library.fetch_add(1, std::memory_order_relaxed);
             job.kind = JobKind::Library;
