@@ -1,8 +1,8 @@
 #include "EventLine.h"
 
+#include <array>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 
 #include "HostEngine.h"
 
@@ -37,6 +37,26 @@ public:
     bool AtEnd() {
         SkipSpace();
         return m_at == m_text.size();
+    }
+
+    // A JSON string as a view: into the line when it has no escape (most
+    // have none), else into `storage` with the escapes decoded.
+    bool StringView(std::string_view& out, std::string& storage) {
+        SkipSpace();
+        if (m_at < m_text.size() && m_text[m_at] == '"') {
+            size_t end = m_at + 1;
+            while (end < m_text.size() && m_text[end] != '"' && m_text[end] != '\\' &&
+                   static_cast<unsigned char>(m_text[end]) >= 0x20)
+                ++end;
+            if (end < m_text.size() && m_text[end] == '"') {
+                out = m_text.substr(m_at + 1, end - m_at - 1);
+                m_at = end + 1;
+                return true;
+            }
+        }
+        if (!String(storage)) return false;
+        out = storage;
+        return true;
     }
 
     // A JSON string, escapes decoded to UTF-8 bytes (validated later).
@@ -150,28 +170,66 @@ private:
     size_t m_at = 0;
 };
 
-// Every member name of an event line, looked up once per member: a replay
-// reads millions of them, and a walk along the tables compared most names
-// against thirty others.
+// Every member name of an event line, in a small open-addressed table built
+// once: a replay looks up millions of names, and a general hash map spent
+// more on hashing and comparing them than on the rest of the line.
 struct FieldRef {
     enum Kind : uint8_t { kType, kNumber, kByte, kText, kDigest } kind;
     uint8_t index;
 };
 
-const std::unordered_map<std::string_view, FieldRef>& Fields() {
-    static const std::unordered_map<std::string_view, FieldRef> fields = [] {
-        std::unordered_map<std::string_view, FieldRef> map;
-        map.emplace("type", FieldRef{FieldRef::kType, 0});
-        const auto add = [&map](const auto& table, FieldRef::Kind kind) {
-            for (size_t i = 0; i < std::size(table); ++i)
-                map.emplace(table[i].name, FieldRef{kind, static_cast<uint8_t>(i)});
+class FieldTable {
+public:
+    FieldTable() {
+        Add("type", FieldRef{FieldRef::kType, 0});
+        const auto add = [this](const auto& table, FieldRef::Kind kind) {
+            for (size_t i = 0; i < std::size(table); ++i) Add(table[i].name, FieldRef{kind, static_cast<uint8_t>(i)});
         };
         add(kNumberFields, FieldRef::kNumber);
         add(kByteFields, FieldRef::kByte);
         add(kTextFields, FieldRef::kText);
         add(kDigestFields, FieldRef::kDigest);
-        return map;
-    }();
+    }
+
+    const FieldRef* Find(std::string_view key) const {
+        if (key.empty()) return nullptr;
+        for (size_t slot = Slot(key);; slot = (slot + 1) % kSlots) {
+            const Entry& entry = m_entries[slot];
+            if (entry.name.empty()) return nullptr;
+            if (Same(entry.name, key)) return &entry.ref;
+        }
+    }
+
+private:
+    // Fewer than a third of the slots are used, so a probe ends quickly.
+    static constexpr size_t kSlots = 128;
+    struct Entry {
+        std::string_view name;
+        FieldRef ref{};
+    };
+
+    static size_t Slot(std::string_view key) {
+        const auto at = [&key](size_t i) { return static_cast<size_t>(static_cast<unsigned char>(key[i])); };
+        return (key.size() * 31 + at(0) * 7 + at(key.size() - 1) * 13 + at(key.size() / 2)) % kSlots;
+    }
+    // Names are short: a plain loop beats a call to memcmp.
+    static bool Same(std::string_view a, std::string_view b) {
+        if (a.size() != b.size()) return false;
+        for (size_t i = 0; i < a.size(); ++i)
+            if (a[i] != b[i]) return false;
+        return true;
+    }
+    void Add(std::string_view name, FieldRef ref) {
+        size_t slot = Slot(name);
+        while (!m_entries[slot].name.empty()) slot = (slot + 1) % kSlots;
+        m_entries[slot] = Entry{name, ref};
+    }
+
+    std::array<Entry, kSlots> m_entries{};
+};
+
+const FieldTable& Fields() {
+    static const FieldTable fields;
     return fields;
 }
 
@@ -188,7 +246,8 @@ bool ParseEventLine(std::string_view line, EventRecord& record, std::string& err
     }
     scan.Take('{');
     AppCtlEvent& numbers = record.Numbers();
-    std::string key, text;
+    std::string keyStorage, textStorage;
+    std::string_view key, text;
     bool first = true;
     while (!scan.Take('}')) {
         if (!first && !scan.Take(',')) {
@@ -196,7 +255,7 @@ bool ParseEventLine(std::string_view line, EventRecord& record, std::string& err
             return false;
         }
         first = false;
-        if (!scan.String(key) || !scan.Take(':')) {
+        if (!scan.StringView(key, keyStorage) || !scan.Take(':')) {
             error = "not valid JSON";
             return false;
         }
@@ -206,17 +265,17 @@ bool ParseEventLine(std::string_view line, EventRecord& record, std::string& err
             error = "not valid JSON";
             return false;
         }
-        if (kind == LineScanner::Kind::kString && !scan.String(text)) {
+        if (kind == LineScanner::Kind::kString && !scan.StringView(text, textStorage)) {
             error = "not valid JSON";
             return false;
         }
-        const auto found = Fields().find(key);
-        if (found == Fields().end()) {
+        const FieldRef* found = Fields().Find(key);
+        if (found == nullptr) {
             error = "unknown field " + Quoted(key);
             return false;
         }
-        const size_t index = found->second.index;
-        switch (found->second.kind) {
+        const size_t index = found->index;
+        switch (found->kind) {
             case FieldRef::kType:
                 if (kind != LineScanner::Kind::kUnsigned || value > UINT32_MAX) {
                     error = "\"type\": expected an operation code (unsigned 32-bit integer)";

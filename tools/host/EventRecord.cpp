@@ -1,5 +1,7 @@
 #include "EventRecord.h"
 
+#include <bit>
+
 namespace zorv::host {
 
 bool EventRecord::SetTextByName(std::string_view name, ZString value) {
@@ -13,10 +15,16 @@ bool EventRecord::SetTextByName(std::string_view name, ZString value) {
 }
 
 const AppCtlEvent& EventRecord::Raw() {
-    for (size_t i = 0; i < kTextFieldCount; ++i)
-        m_event.*(kTextFields[i].member) = m_hasText[i] ? m_texts[i].c_str() : nullptr;
-    for (size_t i = 0; i < kDigestFieldCount; ++i)
-        m_event.*(kDigestFields[i].member) = m_hasDigest[i] ? m_digests[i].data() : nullptr;
+    // Clear() nulled every pointer, and a field once set stays set until the
+    // next Clear(), so only the set ones are aimed.
+    for (uint32_t bits = m_textsPresent; bits != 0; bits &= bits - 1) {
+        const int i = std::countr_zero(bits);
+        m_event.*(kTextFields[i].member) = m_texts[i].c_str();
+    }
+    for (uint32_t bits = m_digestsPresent; bits != 0; bits &= bits - 1) {
+        const int i = std::countr_zero(bits);
+        m_event.*(kDigestFields[i].member) = m_digests[i].data();
+    }
     return m_event;
 }
 

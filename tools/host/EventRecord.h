@@ -84,6 +84,7 @@ inline constexpr DigestField kDigestFields[] = {
 };
 inline constexpr size_t kTextFieldCount = std::size(kTextFields);
 inline constexpr size_t kDigestFieldCount = std::size(kDigestFields);
+static_assert(kTextFieldCount <= 32 && kDigestFieldCount <= 8, "presence bits");
 
 class EventRecord {
 public:
@@ -91,8 +92,8 @@ public:
     // line after line stops allocating.
     void Clear() {
         m_event = AppCtlEvent{};
-        m_hasText.fill(false);
-        m_hasDigest.fill(false);
+        m_textsPresent = 0;
+        m_digestsPresent = 0;
     }
 
     // Numbers, bytes and `type` are set here; Raw() keeps them.
@@ -100,16 +101,16 @@ public:
 
     // The storage of a text field, marked present; fill it in place.
     ZString& TextSlot(size_t field) {
-        m_hasText[field] = true;
+        m_textsPresent |= uint32_t{1} << field;
         return m_texts[field];
     }
     void SetText(size_t field, ZString value) {
         m_texts[field] = std::move(value);
-        m_hasText[field] = true;
+        m_textsPresent |= uint32_t{1} << field;
     }
     void SetDigest(size_t field, const uint8_t* bytes) {
         std::copy(bytes, bytes + kDigestFields[field].length, m_digests[field].begin());
-        m_hasDigest[field] = true;
+        m_digestsPresent |= uint8_t(1u << field);
     }
     // By the field's name in the tables above; false for a name not there.
     bool SetTextByName(std::string_view name, ZString value);
@@ -122,9 +123,11 @@ public:
 private:
     AppCtlEvent m_event{};
     std::array<ZString, kTextFieldCount> m_texts;
-    std::array<bool, kTextFieldCount> m_hasText{};
     std::array<std::array<uint8_t, 32>, kDigestFieldCount> m_digests{};
-    std::array<bool, kDigestFieldCount> m_hasDigest{};
+    // Which fields are set, as bits: Raw() visits only those, so a worker
+    // does not touch the storage of the two dozen texts a line leaves out.
+    uint32_t m_textsPresent = 0;
+    uint8_t m_digestsPresent = 0;
 };
 
 }  // namespace zorv::host

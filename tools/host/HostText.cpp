@@ -1,5 +1,7 @@
 #include "HostText.h"
 
+#include <array>
+
 namespace zorv::host {
 
 std::optional<ZString> Utf8ToZ(std::string_view utf8) {
@@ -121,23 +123,29 @@ std::string ToHex(const uint8_t* bytes, size_t length) {
 }
 
 namespace {
-int HexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
+// Hex digit values by byte, 0xFF for every other byte: a replay decodes a
+// digest or more per line, and a table does it without branches.
+constexpr std::array<uint8_t, 256> kHexValues = [] {
+    std::array<uint8_t, 256> values{};
+    values.fill(0xFF);
+    for (int c = '0'; c <= '9'; ++c) values[c] = static_cast<uint8_t>(c - '0');
+    for (int c = 'a'; c <= 'f'; ++c) values[c] = static_cast<uint8_t>(c - 'a' + 10);
+    for (int c = 'A'; c <= 'F'; ++c) values[c] = static_cast<uint8_t>(c - 'A' + 10);
+    return values;
+}();
 }  // namespace
 
 bool FromHex(std::string_view hex, uint8_t* bytes, size_t length) {
     if (hex.size() != length * 2) return false;
+    uint8_t invalid = 0;
     for (size_t i = 0; i < length; ++i) {
-        const int high = HexValue(hex[2 * i]);
-        const int low = HexValue(hex[2 * i + 1]);
-        if (high < 0 || low < 0) return false;
-        bytes[i] = static_cast<uint8_t>(high << 4 | low);
+        const uint8_t high = kHexValues[static_cast<unsigned char>(hex[2 * i])];
+        const uint8_t low = kHexValues[static_cast<unsigned char>(hex[2 * i + 1])];
+        invalid |= static_cast<uint8_t>(high | low);
+        bytes[i] = static_cast<uint8_t>(high << 4 | (low & 0x0F));
     }
-    return true;
+    // Any byte that is not a digit set the high bits.
+    return (invalid & 0xF0) == 0;
 }
 
 }  // namespace zorv::host
