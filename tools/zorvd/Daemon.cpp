@@ -8,6 +8,7 @@
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/fanotify.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -190,15 +191,62 @@ std::string GroupName(gid_t gid) {
     });
 }
 
+// The kernel's pidfd_info in the size it was first published with (Linux
+// 6.13); later kernels accept that size and fill what fits. Debian 12's
+// headers predate it.
+struct PidfdInfo {
+    uint64_t mask;
+    uint64_t cgroupid;
+    uint32_t pid, tgid, ppid, ruid, rgid, euid, egid, suid, sgid, fsuid, fsgid;
+    uint32_t spare0;
+};
+static_assert(sizeof(PidfdInfo) == 64, "PIDFD_INFO_SIZE_VER0");
+constexpr uint64_t kPidfdInfoCreds = 1u << 1;
+constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+
+enum class Credentials { Known, Gone, Unknown };
+
+// The real user and group of the process behind `pidfd`. One ioctl, where
+// /proc/<pid>/status has the kernel format some fifty lines each time, the
+// largest share of what an exec waits for here. Gone: the process has been
+// reaped, and its pid may already name another. Unknown on kernels without
+// the ioctl (remembered, so they are not asked again).
+Credentials CredentialsOf(int pidfd, uid_t& uid, gid_t& gid) {
+    static std::atomic<bool> unsupported{false};
+    if (pidfd < 0 || unsupported.load(std::memory_order_relaxed)) return Credentials::Unknown;
+    PidfdInfo info{};
+    info.mask = kPidfdInfoCreds;
+    if (ioctl(pidfd, kPidfdGetInfo, &info) != 0) {
+        if (errno == ESRCH) return Credentials::Gone;
+        if (errno == ENOTTY || errno == EINVAL || errno == EOPNOTSUPP) unsupported.store(true);
+        return Credentials::Unknown;
+    }
+    if ((info.mask & kPidfdInfoCreds) == 0) return Credentials::Unknown;
+    uid = info.ruid;
+    gid = info.rgid;
+    return Credentials::Known;
+}
+
 // The acting process's command line, user and group. Read from /proc, which
-// no fanotify mark covers; the names are looked up through NSS, which may open
-// files: never called on the thread that reads events.
-ProcessIdentity IdentityOf(pid_t pid, int procDir = -1) {
+// no fanotify mark covers, and from the event's pidfd when there is one; the
+// names are looked up through NSS, which may open files: never called on the
+// thread that reads events.
+ProcessIdentity IdentityOf(pid_t pid, int procDir = -1, int pidfd = -1) {
     ProcessIdentity identity;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    const Credentials credentials = CredentialsOf(pidfd, uid, gid);
+    // Whatever /proc/<pid> shows now belongs to another process, if any.
+    if (credentials == Credentials::Gone && procDir < 0) return identity;
     std::string line = ReadProcFile(pid, procDir, "cmdline", 4096);
     while (!line.empty() && line.back() == '\0') line.pop_back();
     std::replace(line.begin(), line.end(), '\0', ' ');
     identity.commandLine = line;
+    if (credentials == Credentials::Known) {
+        identity.user = UserName(uid);
+        identity.group = GroupName(gid);
+        return identity;
+    }
     const std::string status = ReadProcFile(pid, procDir, "status", 4096);
     const size_t uidAt = status.find("\nUid:");
     const size_t gidAt = status.find("\nGid:");
@@ -306,6 +354,7 @@ const char* ReasonText(const AppCtlResult& result) {
 PermissionEvent::~PermissionEvent() {
     if (fd >= 0) close(fd);
     if (procDir >= 0) close(procDir);
+    if (pidfd >= 0) close(pidfd);
 }
 
 // ---- JobQueue ------------------------------------------------------------
@@ -634,15 +683,18 @@ void Daemon::AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const
 
 // ---- Reading events --------------------------------------------------------
 
-FileKind Daemon::Classify(int fd, const struct stat& status) {
+FileKind Daemon::Classify(int fd, const struct stat& status, bool* known) {
     const FileId id{status.st_dev, status.st_ino};
     const int64_t ctime = TimeNs(status.st_ctim);
+    if (known != nullptr) *known = false;
     {
         std::lock_guard<std::mutex> hold(m_kindMutex);
         const auto found = m_kinds.find(id);
         if (found != m_kinds.end() && found->second.ctimeNs == ctime && found->second.mtimeNs == TimeNs(status.st_mtim) &&
-            found->second.size == status.st_size)
+            found->second.size == status.st_size) {
+            if (known != nullptr) *known = true;
             return found->second.kind;
+        }
     }
     unsigned char head[18] = {};
     ssize_t got;
@@ -719,20 +771,27 @@ void Daemon::ReaderLoop() {
                 if (metadata->fd >= 0) close(metadata->fd);
                 continue;
             }
-            // A pidfd rides along when the group reports one; this daemon
-            // reads the process's /proc entries while it waits, so the pid suffices.
+            // A pidfd rides along when the group reports one. The process
+            // waits for a permission answer, so its pid cannot be reused
+            // meanwhile; the pidfd is kept for what it answers faster than
+            // /proc: the process's credentials.
+            int pidfd = -1;
             for (size_t at = metadata->metadata_len; at + sizeof(struct fanotify_event_info_header) <= metadata->event_len;) {
                 const auto* header = reinterpret_cast<const struct fanotify_event_info_header*>(
                     reinterpret_cast<const char*>(metadata) + at);
                 if (header->len == 0) break;
                 if (header->info_type == FAN_EVENT_INFO_TYPE_PIDFD) {
-                    int pidfd;
-                    std::memcpy(&pidfd, reinterpret_cast<const char*>(header) + sizeof *header, sizeof pidfd);
-                    if (pidfd >= 0) close(pidfd);
+                    int reported;
+                    std::memcpy(&reported, reinterpret_cast<const char*>(header) + sizeof *header, sizeof reported);
+                    if (reported >= 0) {
+                        if (pidfd >= 0) close(pidfd);
+                        pidfd = reported;
+                    }
                 }
                 at += header->len;
             }
             if (metadata->fd == FAN_NOFD) {
+                if (pidfd >= 0) close(pidfd);
                 if ((metadata->mask & FAN_Q_OVERFLOW) != 0) {
                     m_counters.kernelOverflow.fetch_add(1);
                     Log(Level::Warning, "the kernel's event queue overflowed: written files may go unjudged");
@@ -741,14 +800,16 @@ void Daemon::ReaderLoop() {
             }
             if ((metadata->mask & kPermissionMask) == 0) {
                 if ((metadata->mask & FAN_CLOSE_WRITE) != 0 && metadata->pid != self) {
-                    HandleWrite(metadata->fd, metadata->pid);
+                    HandleWrite(metadata->fd, metadata->pid, pidfd);
                 } else {
                     close(metadata->fd);
+                    if (pidfd >= 0) close(pidfd);
                 }
                 continue;
             }
             auto event = std::make_shared<PermissionEvent>();
             event->fd = metadata->fd;
+            event->pidfd = pidfd;
             event->pid = metadata->pid;
             event->mask = metadata->mask;
             event->arrivedNs = NowNs();
@@ -785,7 +846,8 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         job.kind = JobKind::Exec;
     } else {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
-        const FileKind classified = Classify(event->fd, status);
+        bool seenBefore = false;
+        const FileKind classified = Classify(event->fd, status, &seenBefore);
         FileKind kind = classified;
         if (kind != FileKind::Plain && OpenIsNoRun(event->pid)) kind = FileKind::Plain;
         if (kind == FileKind::Elf && m_config.libraries) {
@@ -796,13 +858,13 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
             job.kind = JobKind::Script;
         } else {
             m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
-            // A plain file's later opens need not reach us at all until it is
-            // written (which clears the ignore mask). The mark is evictable:
-            // it never pins the inode in memory.
-            if (kind == FileKind::Plain && classified == FileKind::Plain)
-                fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_EVICTABLE, FAN_OPEN_PERM,
-                              event->fd, nullptr);
             Respond(*event, true, false);
+            // A plain file opened again needs not reach us at all until it is
+            // written (which clears the ignore mask). Marked on its second
+            // open, after the answer: most files are read once, and for those
+            // the mark would be a system call and a kernel allocation for
+            // nothing. The mark is evictable: it never pins the inode in memory.
+            if (seenBefore && classified == FileKind::Plain) IgnoreWhileUnchanged(event->fd, status);
             return;
         }
     }
@@ -818,10 +880,23 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
     if (!m_jobs.Push(std::move(job))) AnswerOverflow(event, id);
 }
 
-void Daemon::HandleWrite(int fd, pid_t pid) {
+void Daemon::IgnoreWhileUnchanged(int fd, const struct stat& classified) {
+    if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_IGNORED_MASK | FAN_MARK_EVICTABLE, FAN_OPEN_PERM, fd,
+                      nullptr) != 0)
+        return;
+    // A write since the file was classified came before the mark, so it did
+    // not clear it: the content the mark vouches for may be gone.
+    struct stat now {};
+    if (fstat(fd, &now) != 0 || now.st_size != classified.st_size ||
+        TimeNs(now.st_mtim) != TimeNs(classified.st_mtim) || TimeNs(now.st_ctim) != TimeNs(classified.st_ctim))
+        fanotify_mark(m_permissionFd, FAN_MARK_REMOVE | FAN_MARK_IGNORED_MASK, FAN_OPEN_PERM, fd, nullptr);
+}
+
+void Daemon::HandleWrite(int fd, pid_t pid, int pidfd) {
     m_counters.write.fetch_add(1, std::memory_order_relaxed);
     auto holder = std::make_shared<PermissionEvent>();
     holder->fd = fd;
+    holder->pidfd = pidfd;
     holder->pid = pid;
     holder->answered = true;  // a notification: nothing waits for an answer
     struct stat status {};
@@ -903,7 +978,7 @@ void Daemon::Decide(Job& job) {
     const std::string target = FdPath(event.fd);
     // Read by the reader while the process waited, and it waits still.
     const std::string program = job.program.empty() ? ProgramOf(event.pid, event.procDir) : job.program;
-    const ProcessIdentity identity = IdentityOf(event.pid, event.procDir);
+    const ProcessIdentity identity = IdentityOf(event.pid, event.procDir, event.pidfd);
     EventTexts texts;
     texts.name = Widen(target);
     texts.processName = Widen(program);
@@ -942,9 +1017,9 @@ void Daemon::Decide(Job& job) {
     m_latency.Record(static_cast<uint64_t>((NowNs() - event.arrivedNs) / 1000));
     if (answered && !allow) {
         const char* what = job.kind == JobKind::Exec ? "exec" : job.kind == JobKind::Library ? "library" : "script";
-        Log(Level::Warning, "deny %s %s sha256=%s process=%s pid=%d user=%s reason=%s", what, target.c_str(),
+        Log(Level::Warning, "deny %s %s sha256=%s process=%s pid=%d user=%s group=%s reason=%s", what, target.c_str(),
             zorv::host::ToHex(digests.sha256, 32).c_str(), program.c_str(), event.pid, identity.user.c_str(),
-            status2 == AC_BLOCKED ? ReasonText(result) : "engine error");
+            identity.group.c_str(), status2 == AC_BLOCKED ? ReasonText(result) : "engine error");
     }
 }
 
@@ -963,7 +1038,7 @@ void Daemon::JudgeWrite(Job& job) {
     struct stat status {};
     Digests digests{};
     if (fstat(fd, &status) != 0 || !DigestsOf(fd, job.id, status, digests)) return;
-    const ProcessIdentity identity = IdentityOf(job.event->pid);
+    const ProcessIdentity identity = IdentityOf(job.event->pid, -1, job.event->pidfd);
     EventTexts texts;
     texts.name = Widen(FdPath(fd));
     texts.processName = Widen(job.program);

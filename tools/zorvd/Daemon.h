@@ -46,6 +46,7 @@ struct PermissionEvent {
     int fd = -1;
     pid_t pid = 0;
     int procDir = -1;  // /proc/<pid>, opened when the event is read; -1 if that failed
+    int pidfd = -1;    // the acting process, when the kernel reported it for a judged event
     uint64_t mask = 0;
     int64_t arrivedNs = 0;
     int64_t deadlineNs = 0;
@@ -160,13 +161,17 @@ private:
     void ControlLoop();
 
     void HandlePermission(std::shared_ptr<PermissionEvent> event);
-    void HandleWrite(int fd, pid_t pid);
+    void HandleWrite(int fd, pid_t pid, int pidfd);
+    // Lets the plain file behind `fd` be opened without asking, until it is
+    // written, unless it changed since `classified` was taken.
+    void IgnoreWhileUnchanged(int fd, const struct stat& classified);
     void Decide(Job& job);
     void JudgeWrite(Job& job);
     bool Respond(PermissionEvent& event, bool allow, bool audit);
     void AnswerAtDeadline(PermissionEvent& event);
     void AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id);
-    FileKind Classify(int fd, const struct stat& status);
+    // `known`, when given, tells whether the kind was already cached.
+    FileKind Classify(int fd, const struct stat& status, bool* known = nullptr);
     bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out);
     // False when the write is still unjudged at the deadline.
     bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);

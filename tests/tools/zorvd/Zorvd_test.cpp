@@ -2,6 +2,8 @@
 // started against it. Needs root and fanotify permission events; skipped with
 // the reason otherwise. Nothing but the test's mount is ever marked.
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
@@ -46,9 +48,12 @@ std::string Digest(const fs::path& file, const EVP_MD* kind) {
     return hex;
 }
 
-pid_t Spawn(const std::vector<std::string>& argv, const std::string& output = "/dev/null") {
+// `as`: the user and group the child runs as (both real and effective).
+pid_t Spawn(const std::vector<std::string>& argv, const std::string& output = "/dev/null",
+            std::pair<uid_t, gid_t> as = {0, 0}) {
     const pid_t child = fork();
     if (child == 0) {
+        if ((as.second != 0 && setgid(as.second) != 0) || (as.first != 0 && setuid(as.first) != 0)) _exit(125);
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);
@@ -63,8 +68,9 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& output = "/
 
 // Runs argv with a bounded wait; a child still running at the limit is
 // killed and reported as -1. An exec the kernel refuses exits 126.
-int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::string& output = "/dev/null") {
-    const pid_t child = Spawn(argv, output);
+int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::string& output = "/dev/null",
+               std::pair<uid_t, gid_t> as = {0, 0}) {
+    const pid_t child = Spawn(argv, output, as);
     const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
@@ -273,6 +279,22 @@ TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
     EXPECT_NE(metrics.find("\"RunAllowedLogOnly\":1"), std::string::npos) << metrics;
 }
 
+TEST_F(Zorvd, DenialsNameTheUserAndGroupTheProgramRanAs) {
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    chmod(m_root.c_str(), 0755);  // so that another user reaches the mount
+    StartDaemon("enforce");
+    const std::pair<uid_t, gid_t> cases[] = {{0, 0}, {65534, 65534}, {0, 65534}, {65534, 0}};
+    for (const auto& [uid, gid] : cases) {
+        const struct passwd* user = getpwuid(uid);
+        const struct group* group = getgrgid(gid);
+        const std::string wanted = "user=" + (user ? std::string(user->pw_name) : std::to_string(uid)) +
+                                   " group=" + (group ? std::string(group->gr_name) : std::to_string(gid));
+        const size_t before = LogText().size();
+        EXPECT_EQ(RunProgram({unknown}, 10000, "/dev/null", {uid, gid}), 126) << wanted;
+        EXPECT_NE(LogText().find(wanted, before), std::string::npos) << wanted << "\n" << LogText().substr(before);
+    }
+}
+
 TEST_F(Zorvd, InventoriedProgramRunsAndRewrittenOneLosesItsVerdict) {
     const fs::path program = Copy("/usr/bin/true", "known");
     StartDaemon("enforce");
@@ -320,6 +342,21 @@ TEST_F(Zorvd, UnknownSharedLibraryFailsToLoadUnderEnforce) {
     Inventory({{known, ZORV_LIBRARY_FILE}});
     EXPECT_EQ(RunProgram({ZORVD_DLOPEN_PROBE, known}), 0);
     EXPECT_EQ(RunProgram({ZORVD_DLOPEN_PROBE, unknown}), 1);
+}
+
+TEST_F(Zorvd, APlainFileLetThroughIsJudgedOnceRewrittenAsALibrary) {
+    const fs::path file = m_mount / "data.so";
+    std::ofstream(file) << "plain text\n";
+    StartDaemon("enforce");
+    // Opened twice as plain text: from the second open on it is let through
+    // without asking, until it is written.
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(RunProgram({"/usr/bin/cat", file.string()}), 0);
+    {
+        std::ifstream in(ZORV_LIBRARY_FILE, std::ios::binary);
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out << in.rdbuf() << '\n';  // a digest no inventory holds
+    }
+    EXPECT_EQ(RunProgram({ZORVD_DLOPEN_PROBE, file.string()}), 1);
 }
 
 TEST_F(Zorvd, TrustedUpdaterWriteThenExecIsAllowed) {
