@@ -98,7 +98,14 @@ std::string ReadLinkAt(int dir, const char* path) {
 
 std::string ReadLink(const std::string& path) { return ReadLinkAt(AT_FDCWD, path.c_str()); }
 
-std::string FdPath(int fd) { return ReadLink("/proc/self/fd/" + std::to_string(fd)); }
+// Through /proc/self/fd opened once: a path from the root walks /proc and
+// "self" again for every file, a third of the cost of the whole lookup.
+std::string FdPath(int fd) {
+    static const int kFdDir = open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const std::string name = std::to_string(fd);
+    if (kFdDir >= 0) return ReadLinkAt(kFdDir, name.c_str());
+    return ReadLink("/proc/self/fd/" + name);
+}
 
 // A process's /proc directory, opened once for the files read from it while
 // its event is with us: each path from /proc itself looks the pid up again,

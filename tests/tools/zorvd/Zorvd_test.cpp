@@ -324,6 +324,8 @@ TEST_F(Zorvd, ScriptsAndLoaderRunsAreDecided) {
     } cases[] = {
         {{"/bin/bash", script}, false},
         {{"/bin/bash", knownScript}, true},
+        {{"/usr/bin/cat", script}, true},
+        {{"/usr/bin/cat", hashBang}, true},
         {{loader, program}, false},
         {{hashBang}, false},
     };
