@@ -1,6 +1,8 @@
 #include "EventLine.h"
 
 #include <array>
+#include <bit>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -9,6 +11,32 @@
 namespace zorv::host {
 
 namespace {
+
+// How many characters at the start of `text` need no decoding: none is '"',
+// '\\' or a control character. Eight at a step: most of a line is the texts
+// and digests inside its strings.
+size_t PlainRun(std::string_view text) {
+    constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
+    size_t at = 0;
+    for (; at + 8 <= text.size(); at += 8) {
+        uint64_t word;
+        std::memcpy(&word, text.data() + at, sizeof word);
+        const uint64_t quote = word ^ (kOnes * '"'), backslash = word ^ (kOnes * '\\');
+        // A byte's high bit is set where it was zero, or below 0x20; the
+        // lowest one set is always a true match (a borrow only runs upward
+        // from one).
+        const uint64_t found = ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash) |
+                               ((word - kOnes * 0x20) & ~word);
+        const uint64_t hits = found & kHighs;
+        if (hits != 0) {
+            if constexpr (std::endian::native == std::endian::little) return at + std::countr_zero(hits) / 8;
+            break;
+        }
+    }
+    while (at < text.size() && text[at] != '"' && text[at] != '\\' && static_cast<unsigned char>(text[at]) >= 0x20)
+        ++at;
+    return at;
+}
 
 // Event lines are flat objects, so they are read by a scanner of their own
 // instead of a general JSON tree: no allocation per member, which is most of
@@ -44,10 +72,7 @@ public:
     bool StringView(std::string_view& out, std::string& storage) {
         SkipSpace();
         if (m_at < m_text.size() && m_text[m_at] == '"') {
-            size_t end = m_at + 1;
-            while (end < m_text.size() && m_text[end] != '"' && m_text[end] != '\\' &&
-                   static_cast<unsigned char>(m_text[end]) >= 0x20)
-                ++end;
+            const size_t end = m_at + 1 + PlainRun(m_text.substr(m_at + 1));
             if (end < m_text.size() && m_text[end] == '"') {
                 out = m_text.substr(m_at + 1, end - m_at - 1);
                 m_at = end + 1;
@@ -65,10 +90,7 @@ public:
         if (!Take('"')) return false;
         while (m_at < m_text.size()) {
             // A run of plain characters is taken whole: most strings have no escape.
-            size_t plain = m_at;
-            while (plain < m_text.size() && m_text[plain] != '"' && m_text[plain] != '\\' &&
-                   static_cast<unsigned char>(m_text[plain]) >= 0x20)
-                ++plain;
+            const size_t plain = m_at + PlainRun(m_text.substr(m_at));
             out.append(m_text.data() + m_at, plain - m_at);
             m_at = plain;
             if (m_at >= m_text.size()) return false;
@@ -113,11 +135,15 @@ public:
     // caller reads that with String) or composite (an error for every field).
     Kind Value(uint64_t& number) {
         const char c = Peek();
-        if (c == '"') return Kind::kString;
-        if (c == '{' || c == '[') return Kind::kComposite;
-        if (Word("true")) return Kind::kTrue;
-        if (Word("false")) return Kind::kFalse;
-        if (Word("null")) return Kind::kNull;
+        switch (c) {
+            case '"': return Kind::kString;
+            case '{':
+            case '[': return Kind::kComposite;
+            case 't': return Word("true") ? Kind::kTrue : Kind::kInvalid;
+            case 'f': return Word("false") ? Kind::kFalse : Kind::kInvalid;
+            case 'n': return Word("null") ? Kind::kNull : Kind::kInvalid;
+            default: break;
+        }
         if (c != '-' && (c < '0' || c > '9')) return Kind::kInvalid;
         bool negative = false, overflow = false, fraction = false;
         if (m_text[m_at] == '-') negative = true, ++m_at;

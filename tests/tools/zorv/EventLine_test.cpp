@@ -76,6 +76,9 @@ TEST(EventLine, LinesAreReadOrRefusedByName) {
         {R"({"type":1,"name":7})", "\"name\": expected a string"},
         {"{\"type\":1,\"name\":\"\xC3\"}", "\"name\": not valid UTF-8"},
         {"{\"type\":1,\"name\":\"a\tb\"}", "not valid JSON"},
+        {"{\"type\":1,\"name\":\"0123456789abcdef\x01x\"}", "not valid JSON"},
+        {"{\"type\":1,\"name\":\"/opt/\xC3\xBC/0123456789abcdef\"}", nullptr},
+        {R"({"type":1,"name":"/opt/0123456789\"abcdef\\"})", nullptr},
         {R"({"type":1,"name":"x)", "not valid JSON"},
         {R"({"type":1} x)", "not valid JSON"},
     };
