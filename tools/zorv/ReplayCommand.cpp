@@ -167,6 +167,58 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
     writer.Write(lines);
 }
 
+// The lines of a stream, read a block at a time and handed out in place:
+// std::getline moves every line through the stream buffer and into a string
+// of its own, a large share of a replay's reading.
+// A pipe is read a line at a time instead, so that a live stream is decided
+// as it arrives rather than a block later.
+class LineReader {
+public:
+    LineReader(std::istream& in, bool pipe) : m_in(in), m_pipe(pipe), m_buffer(pipe ? 0 : 1 << 20) {}
+
+    // The next line without its '\n'; false after the last. Valid until the
+    // next call.
+    bool Next(std::string_view& line) {
+        if (m_pipe) {
+            if (!std::getline(m_in, m_line)) return false;
+            line = m_line;
+            return true;
+        }
+        for (;;) {
+            const char* begin = m_buffer.data() + m_start;
+            const size_t held = m_end - m_start;
+            if (const void* newline = std::memchr(begin, '\n', held); newline != nullptr) {
+                line = std::string_view(begin, static_cast<size_t>(static_cast<const char*>(newline) - begin));
+                m_start += line.size() + 1;
+                return true;
+            }
+            if (m_ended) {
+                if (held == 0) return false;
+                line = std::string_view(begin, held);
+                m_start = m_end;
+                return true;
+            }
+            // The partial line moves to the front and the rest is filled; a
+            // line longer than the buffer doubles it.
+            std::memmove(m_buffer.data(), begin, held);
+            m_start = 0;
+            m_end = held;
+            if (m_end == m_buffer.size()) m_buffer.resize(m_buffer.size() * 2);
+            m_in.read(m_buffer.data() + m_end, static_cast<std::streamsize>(m_buffer.size() - m_end));
+            m_end += static_cast<size_t>(m_in.gcount());
+            if (!m_in) m_ended = true;
+        }
+    }
+
+private:
+    std::istream& m_in;
+    const bool m_pipe;
+    std::string m_line;  // a pipe's line
+    std::vector<char> m_buffer;
+    size_t m_start = 0, m_end = 0;  // the unread part of m_buffer
+    bool m_ended = false;           // the stream has nothing more
+};
+
 RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads, bool strict,
                     DecisionWriter& writer, bool keepDecisions) {
     RunResult run;
@@ -183,13 +235,15 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
         batch.used = 0;
     };
     const auto started = std::chrono::steady_clock::now();
-    std::string line, error;
+    std::string error;
+    std::string_view line;
+    LineReader lines(in, &in == &std::cin);
     uint64_t number = 0;
     auto scratch = std::make_unique<Parsed>();
-    while (std::getline(in, line)) {
+    while (lines.Next(line)) {
         ++number;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.find_first_not_of(" \t") == std::string::npos) continue;
+        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        if (line.find_first_not_of(" \t") == std::string_view::npos) continue;
         scratch->line = number;
         if (!host::ParseEventLine(line, scratch->record, error)) {
             ++run.badLines;

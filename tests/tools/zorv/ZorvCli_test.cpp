@@ -233,6 +233,33 @@ TEST_F(ZorvCli, ReplaySkipsBadLinesOrStopsWithStrict) {
 }
 
 // db check reads a damaged store without changing it and says what is wrong.
+TEST_F(ZorvCli, ReplayReadsEveryLineAcrossItsReadBlocks) {
+    // Lines of uneven length over more than two read blocks, one line longer
+    // than a block, CRLF endings and a last line without a newline.
+    std::string text;
+    uint64_t lines = 0;
+    const auto add = [&](const std::string& cmdLine, const char* end) {
+        text += "{\"type\":0,\"pid\":" + std::to_string(lines % 7) + ",\"name\":\"/bin/x\",\"cmdLine\":\"" + cmdLine +
+                "\"}" + end;
+        ++lines;
+    };
+    for (int i = 0; text.size() < (1u << 20) + 4096; ++i) add(std::string(static_cast<size_t>(i % 97), 'c'), "\n");
+    add(std::string((1u << 20) + 100, 'L'), "\r\n");
+    for (int i = 0; text.size() < (3u << 20); ++i) add(std::string(static_cast<size_t>(i % 89), 'd'), i % 2 ? "\r\n" : "\n");
+    add("last", "");
+    const std::string events = Write("events.jsonl", text).string();
+    const fs::path decisions = m_dir / "decisions.jsonl";
+    const Outcome outcome = Zorv({"replay", events, "--json", "--out", decisions.string()});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    Json summary = Parse(outcome.out);
+    EXPECT_EQ(Number(summary.get(), "events"), static_cast<double>(lines)) << outcome.out;
+    EXPECT_EQ(Number(summary.get(), "badLines"), 0) << outcome.out;
+    std::set<double> decided;
+    for (const std::string& line : Lines(Slurp(decisions))) decided.insert(Number(Parse(line).get(), "line"));
+    EXPECT_EQ(decided.size(), lines);
+    EXPECT_EQ(decided.empty() ? 0 : *decided.rbegin(), static_cast<double>(lines));
+}
+
 TEST_F(ZorvCli, DbCheckFindsADamagedStore) {
     ASSERT_EQ(Zorv({"import", kExamples + "/ruleset.json", "--name", "example-rules"}).status, 0);
     ASSERT_EQ(Zorv({"db", "check"}).status, 0);
