@@ -43,15 +43,65 @@ struct ReplayOptions {
     bool metrics = false;
 };
 
-struct Parsed {
-    uint64_t line = 0;
-    host::EventRecord record;
-};
-// Batches go back to the reader once decided and are filled again in place,
-// so the records' texts keep their storage from one use to the next.
+// Events for one worker, packed: the records, their line numbers, and every
+// text and digest they point to in two arenas. A worker reads a batch front
+// to back, which the processor streams in, instead of chasing records that
+// another core wrote; batches go back to the reader once decided and are
+// filled again, keeping their storage.
 struct Batch {
-    std::vector<std::unique_ptr<Parsed>> items;
-    size_t used = 0;
+    static constexpr size_t kEvents = 512;
+    static constexpr size_t kTextUnits = 1 << 17;
+
+    std::vector<AppCtlEvent> events;
+    std::vector<uint64_t> lines;
+    // Reserved up front and never grown while events point into them: the
+    // reader starts a new batch when a line might not fit.
+    std::vector<ZorvChar> texts;
+    std::vector<uint8_t> digests;
+
+    void Clear() {
+        events.clear();
+        lines.clear();
+        texts.clear();
+        digests.clear();
+    }
+    // A line of `bytes` bytes yields at most that many text units, plus a
+    // NUL for each text.
+    static size_t TextBound(size_t bytes) { return bytes + host::kTextFieldCount; }
+    bool Fits(size_t lineBytes) const {
+        return events.size() < kEvents && texts.size() + TextBound(lineBytes) <= texts.capacity() &&
+               digests.size() + 32 * host::kDigestFieldCount <= digests.capacity();
+    }
+    // Makes room for a first line of `lineBytes`; only while empty, since
+    // growing moves what earlier events point to.
+    void Prepare(size_t lineBytes) {
+        if (events.capacity() < kEvents) {
+            events.reserve(kEvents);
+            lines.reserve(kEvents);
+        }
+        texts.reserve(std::max(kTextUnits, TextBound(lineBytes)));
+        digests.reserve(kEvents * 32 * host::kDigestFieldCount);
+    }
+    // Copies `parsed` with its texts and digests; Fits() said there is room.
+    void Add(uint64_t line, const AppCtlEvent& parsed) {
+        AppCtlEvent event = parsed;
+        for (const host::TextField& field : host::kTextFields) {
+            const ZorvChar* text = parsed.*(field.member);
+            if (text == nullptr) continue;
+            const size_t at = texts.size();
+            texts.insert(texts.end(), text, text + std::char_traits<ZorvChar>::length(text) + 1);
+            event.*(field.member) = texts.data() + at;
+        }
+        for (const host::DigestField& field : host::kDigestFields) {
+            const uint8_t* digest = parsed.*(field.member);
+            if (digest == nullptr) continue;
+            const size_t at = digests.size();
+            digests.insert(digests.end(), digest, digest + field.length);
+            event.*(field.member) = digests.data() + at;
+        }
+        events.push_back(event);
+        lines.push_back(line);
+    }
 };
 
 // What candidate mode compares, per event line.
@@ -137,11 +187,11 @@ private:
 void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool keepDecisions,
           WorkerResult& result) {
     Batch batch;
-    std::string lines;
+    std::string text;
     while (queue.Pop(batch)) {
-        for (size_t i = 0; i < batch.used; ++i) {
-            Parsed& parsed = *batch.items[i];
-            const AppCtlEvent& event = parsed.record.Raw();
+        for (size_t i = 0; i < batch.events.size(); ++i) {
+            const AppCtlEvent& event = batch.events[i];
+            const uint64_t line = batch.lines[i];
             AppCtlResult answer{};
             const auto start = std::chrono::steady_clock::now();
             const uint32_t status = app_ctl(nullptr, &event, &answer);
@@ -151,20 +201,20 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
             result.latencies.push_back(static_cast<uint32_t>(std::min<int64_t>(took, UINT32_MAX)));
             ++result.byDecision[{answer.action, answer.isAuthorized}];
             if (keepDecisions)
-                result.decisions.push_back({parsed.line, event.pid, answer.action, answer.isAuthorized, answer.source});
+                result.decisions.push_back({line, event.pid, answer.action, answer.isAuthorized, answer.source});
             if (writer.Enabled()) {
-                lines += host::FormatDecisionLine(parsed.line, event, status, answer, static_cast<uint64_t>(took));
-                lines += '\n';
+                text += host::FormatDecisionLine(line, event, status, answer, static_cast<uint64_t>(took));
+                text += '\n';
             }
         }
-        if (lines.size() > (1 << 16)) {
-            writer.Write(lines);
-            lines.clear();
+        if (text.size() > (1 << 16)) {
+            writer.Write(text);
+            text.clear();
         }
-        batch.used = 0;
+        batch.Clear();
         spent.Offer(std::move(batch));
     }
-    writer.Write(lines);
+    writer.Write(text);
 }
 
 // The lines of a stream, read a block at a time and handed out in place:
@@ -228,24 +278,24 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
     std::vector<std::thread> workers;
     for (unsigned i = 0; i < threads; ++i)
         workers.emplace_back([&, i] { Work(queues[i], spent, writer, keepDecisions, results[i]); });
-    constexpr size_t kBatch = 512;
     std::vector<Batch> pending(threads);
+    // A spent batch keeps the storage it grew; a new one gets its own.
     auto fresh = [&spent](Batch& batch) {
         if (!spent.TryPop(batch)) batch = Batch();
-        batch.used = 0;
+        batch.Clear();
     };
     const auto started = std::chrono::steady_clock::now();
     std::string error;
     std::string_view line;
     LineReader lines(in, &in == &std::cin);
     uint64_t number = 0;
-    auto scratch = std::make_unique<Parsed>();
+    // Parsed here, in this thread's cache, then packed into a batch.
+    host::EventRecord record;
     while (lines.Next(line)) {
         ++number;
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         if (line.find_first_not_of(" \t") == std::string_view::npos) continue;
-        scratch->line = number;
-        if (!host::ParseEventLine(line, scratch->record, error)) {
+        if (!host::ParseEventLine(line, record, error)) {
             ++run.badLines;
             PrintError(shown + ":" + std::to_string(number), error);
             if (strict) {
@@ -255,13 +305,17 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
             continue;
         }
         ++run.events;
-        Batch& batch = pending[static_cast<unsigned>(scratch->record.Pid() % threads)];
-        if (batch.used == batch.items.size()) batch.items.push_back(std::make_unique<Parsed>());
-        // A swap hands the parsed record over and takes the slot's storage
-        // back for the next line.
-        std::swap(batch.items[batch.used++], scratch);
-        if (batch.used >= kBatch) {
-            const unsigned worker = static_cast<unsigned>(&batch - pending.data());
+        const unsigned worker = static_cast<unsigned>(record.Pid() % threads);
+        Batch& batch = pending[worker];
+        if (!batch.Fits(line.size())) {
+            if (!batch.events.empty()) {
+                queues[worker].Push(std::move(batch));
+                fresh(batch);
+            }
+            batch.Prepare(line.size());
+        }
+        batch.Add(number, record.Raw());
+        if (batch.events.size() >= Batch::kEvents) {
             queues[worker].Push(std::move(batch));
             fresh(batch);
         }
@@ -271,7 +325,7 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
         run.stopped = true;
     }
     for (unsigned i = 0; i < threads; ++i) {
-        if (pending[i].used > 0) queues[i].Push(std::move(pending[i]));
+        if (!pending[i].events.empty()) queues[i].Push(std::move(pending[i]));
         queues[i].Close();
     }
     for (std::thread& worker : workers) worker.join();
