@@ -64,6 +64,8 @@ struct Batch {
         lines.clear();
         texts.clear();
         digests.clear();
+        // Room grown for one very long line is not kept for the rest.
+        if (texts.capacity() > 4 * kTextUnits) std::vector<ZorvChar>().swap(texts);
     }
     // A line of `bytes` bytes yields at most that many text units, plus a
     // NUL for each text.
