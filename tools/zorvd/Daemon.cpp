@@ -879,10 +879,13 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         Respond(*event, true, false);
         return;
     }
+    bool sooner = false;
     {
         std::lock_guard<std::mutex> hold(m_inflightMutex);
         m_inflight.push_back(event);
+        sooner = event->deadlineNs < m_watchdogSleepsUntilNs;
     }
+    if (sooner) m_watchdogWake.notify_one();
     job.event = event;
     if (!m_jobs.Push(std::move(job))) AnswerOverflow(event, id);
 }
@@ -1170,28 +1173,58 @@ void Daemon::AnswerAtDeadline(PermissionEvent& event) {
         static_cast<unsigned long long>(count));
 }
 
+// Sleeps until the earliest deadline of an event still waiting, or the end
+// of a maintenance window, instead of waking on a short period: an idle
+// daemon then does not wake at all. While events are held it still looks
+// every kInflightSweepNs, so that answered ones let go of their descriptors.
 void Daemon::WatchdogLoop() {
+    constexpr int64_t kIdleNs = 500'000'000, kInflightSweepNs = 20'000'000;
+    std::unique_lock<std::mutex> hold(m_inflightMutex);
     while (!m_stopping) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
         const int64_t now = NowNs();
         std::vector<std::shared_ptr<PermissionEvent>> late;
-        {
-            std::lock_guard<std::mutex> hold(m_inflightMutex);
-            while (!m_inflight.empty() && m_inflight.front()->answered) m_inflight.pop_front();
-            for (auto it = m_inflight.begin(); it != m_inflight.end() && (*it)->deadlineNs <= now;) {
-                if (!(*it)->answered) late.push_back(*it);
-                it = m_inflight.erase(it);
+        std::deque<std::shared_ptr<PermissionEvent>> waiting;
+        int64_t wakeNs = now + (m_inflight.empty() ? kIdleNs : kInflightSweepNs);
+        // Deadlines mostly grow in arrival order, but not after a reload
+        // shortened them: every event is looked at.
+        for (auto& event : m_inflight) {
+            if (event->answered) continue;
+            if (event->deadlineNs <= now) {
+                late.push_back(std::move(event));
+            } else {
+                wakeNs = std::min(wakeNs, event->deadlineNs);
+                waiting.push_back(std::move(event));
             }
         }
-        for (const auto& event : late) AnswerAtDeadline(*event);
-        if (m_maintenanceUntilNs != 0 && now >= m_maintenanceUntilNs) {
-            std::lock_guard<std::mutex> hold(m_policyMutex);
-            m_maintenanceUntilNs = 0;
-            m_maintenance = false;
-            ApplyPolicy(false);
-            Log(Level::Info, "maintenance window over");
+        m_inflight.swap(waiting);
+        const int64_t maintenanceUntil = m_maintenanceUntilNs.load();
+        const bool maintenanceOver = maintenanceUntil != 0 && now >= maintenanceUntil;
+        if (!late.empty() || maintenanceOver) {
+            hold.unlock();
+            for (const auto& event : late) AnswerAtDeadline(*event);
+            if (maintenanceOver) {
+                std::lock_guard<std::mutex> policy(m_policyMutex);
+                m_maintenanceUntilNs = 0;
+                m_maintenance = false;
+                ApplyPolicy(false);
+                Log(Level::Info, "maintenance window over");
+            }
+            late.clear();
+            hold.lock();
+            continue;  // what arrived meanwhile is looked at before sleeping
         }
+        if (maintenanceUntil != 0) wakeNs = std::min(wakeNs, maintenanceUntil);
+        m_watchdogSleepsUntilNs = wakeNs;
+        m_watchdogWake.wait_until(hold, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(wakeNs)));
+        m_watchdogSleepsUntilNs = 0;
     }
+}
+
+void Daemon::WakeWatchdog() {
+    // Taken so that the change made before is seen by a watchdog about to
+    // sleep, or the notice reaches one asleep.
+    { std::lock_guard<std::mutex> hold(m_inflightMutex); }
+    m_watchdogWake.notify_all();
 }
 
 // ---- Control socket --------------------------------------------------------
@@ -1276,6 +1309,7 @@ std::string Daemon::HandleControlRequest(const std::string& line) {
         std::lock_guard<std::mutex> hold(m_policyMutex);
         m_maintenance = !off;
         m_maintenanceUntilNs = off ? 0 : NowNs() + static_cast<int64_t>(forSeconds->valuedouble * 1e9);
+        WakeWatchdog();
         ApplyPolicy(false);
         Log(Level::Info, off ? "maintenance off" : "maintenance on for %.0f s", off ? 0.0 : forSeconds->valuedouble);
         return std::string("{\"ok\":true,\"maintenance\":") + (off ? "false" : "true") + "}";
@@ -1441,6 +1475,7 @@ void Daemon::Reload() {
 void Daemon::Shutdown() {
     sd_notify(0, "STOPPING=1");
     m_stopping = true;
+    WakeWatchdog();
     const uint64_t wake = 1;
     if (write(m_stopFd, &wake, sizeof wake) < 0) Log(Level::Warning, "stop signal: %s", std::strerror(errno));
     m_pendingDone.notify_all();

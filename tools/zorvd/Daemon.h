@@ -158,6 +158,8 @@ private:
     void WorkerLoop();
     void WriteLoop();
     void WatchdogLoop();
+    // Makes the watchdog look again at what it sleeps for.
+    void WakeWatchdog();
     void ControlLoop();
 
     void HandlePermission(std::shared_ptr<PermissionEvent> event);
@@ -208,8 +210,10 @@ private:
     LatencyHistogram m_latency;
     Counters m_counters;
 
-    std::mutex m_inflightMutex;
+    std::mutex m_inflightMutex;  // guards the three members below
     std::deque<std::shared_ptr<PermissionEvent>> m_inflight;
+    std::condition_variable m_watchdogWake;  // an earlier deadline, a maintenance window, or the stop
+    int64_t m_watchdogSleepsUntilNs = 0;     // 0 while the watchdog is awake and looks again before it sleeps
 
     std::mutex m_pendingMutex;
     std::condition_variable m_pendingDone;

@@ -441,6 +441,37 @@ TEST_F(Zorvd, DeletesAndRenamesOnTheMountReachTheInventory) {
     EXPECT_EQ(StatusNumber("events.delete"), 1);
 }
 
+// Wakes of all the daemon's threads so far (voluntary context switches).
+long DaemonWakes(pid_t daemon) {
+    long total = 0;
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(daemon) + "/task")) {
+        std::ifstream in(task.path() / "status");
+        std::string line;
+        while (std::getline(in, line))
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0) total += std::atol(line.c_str() + 24);
+    }
+    return total;
+}
+
+TEST_F(Zorvd, AnIdleDaemonSleepsAndAMaintenanceWindowEndsOnTime) {
+    StartDaemon("log-only");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const long before = DaemonWakes(m_daemon);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    // A few threads look at their stop flag twice a second (about 45 wakes
+    // in these two seconds); nothing polls on a short period.
+    EXPECT_LT(DaemonWakes(m_daemon) - before, 150);
+
+    ASSERT_EQ(Zorv({"maintenance", "--for", "1"}), 0);
+    EXPECT_NE(Request("{\"command\":\"status\"}").find("\"maintenance\":true"), std::string::npos);
+    const auto started = Clock::now();
+    ASSERT_TRUE(Eventually([&] {
+        return Request("{\"command\":\"status\"}").find("\"maintenance\":false") != std::string::npos;
+    }));
+    EXPECT_LT(Clock::now() - started, std::chrono::milliseconds(1500));
+    EXPECT_NE(LogText().find("maintenance window over"), std::string::npos);
+}
+
 TEST_F(Zorvd, HangupReloadsTheMode) {
     const fs::path unknown = Copy("/usr/bin/true", "unknown");
     StartDaemon("enforce");
