@@ -866,7 +866,7 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         } else {
             m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
             Respond(*event, true, false);
-            // A plain file opened again needs not reach us at all until it is
+            // A plain file opened again need not reach us at all until it is
             // written (which clears the ignore mask). Marked on its second
             // open, after the answer: most files are read once, and for those
             // the mark would be a system call and a kernel allocation for
