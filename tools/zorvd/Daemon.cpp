@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <pwd.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -751,12 +752,16 @@ std::string Daemon::ProgramOf(pid_t pid, int procDir) {
 // Processes wait in the kernel while an event is with us: the threads that
 // answer run ahead of ordinary work so a busy machine does not stretch every
 // open and exec by a scheduler's time slice.
+// Named for `top -H` and `ps -L`, and for the tests that look at one of them.
+static void NameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
+
 static void RaisePriority() {
     if (setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), -10) != 0)
         Log(Level::Debug, "thread priority unchanged: %s", std::strerror(errno));
 }
 
 void Daemon::ReaderLoop() {
+    NameThread("zorvd-reader");
     RaisePriority();
     alignas(struct fanotify_event_metadata) char buffer[64 * 1024];
     const pid_t self = getpid();
@@ -959,6 +964,7 @@ bool Daemon::DigestsOf(int fd, const FileId& id, const struct stat& status, Dige
 // ---- Deciding --------------------------------------------------------------
 
 void Daemon::WorkerLoop() {
+    NameThread("zorvd-worker");
     RaisePriority();
     Job job;
     while (m_jobs.Pop(job, m_stopping)) {
@@ -1034,6 +1040,7 @@ void Daemon::Decide(Job& job) {
 }
 
 void Daemon::WriteLoop() {
+    NameThread("zorvd-writes");
     RaisePriority();
     Job job;
     while (m_writes.Pop(job, m_stopping)) {
@@ -1077,6 +1084,7 @@ void Daemon::JudgeWrite(Job& job) {
 }
 
 void Daemon::NotifyLoop() {
+    NameThread("zorvd-notify");
     alignas(struct fanotify_event_metadata) char buffer[32 * 1024];
     while (!m_stopping) {
         struct pollfd fds[2] = {{m_notifyFd, POLLIN, 0}, {m_stopFd, POLLIN, 0}};
@@ -1178,6 +1186,7 @@ void Daemon::AnswerAtDeadline(PermissionEvent& event) {
 // daemon then does not wake at all. While events are held it still looks
 // every kInflightSweepNs, so that answered ones let go of their descriptors.
 void Daemon::WatchdogLoop() {
+    NameThread("zorvd-watchdog");
     constexpr int64_t kIdleNs = 500'000'000, kInflightSweepNs = 20'000'000;
     std::unique_lock<std::mutex> hold(m_inflightMutex);
     while (!m_stopping) {
@@ -1230,6 +1239,7 @@ void Daemon::WakeWatchdog() {
 // ---- Control socket --------------------------------------------------------
 
 void Daemon::ControlLoop() {
+    NameThread("zorvd-control");
     while (!m_stopping) {
         struct pollfd fds[2] = {{m_controlFd, POLLIN, 0}, {m_stopFd, POLLIN, 0}};
         if (poll(fds, 2, 500) <= 0) continue;
