@@ -124,8 +124,8 @@ private:
     AppCtlEvent m_event{};
     std::array<ZString, kTextFieldCount> m_texts;
     std::array<std::array<uint8_t, 32>, kDigestFieldCount> m_digests{};
-    // Which fields are set, as bits: Raw() visits only those, so a worker
-    // does not touch the storage of the two dozen texts a line leaves out.
+    // Which fields are set, as bits: Raw() visits only those, not the
+    // storage of the two dozen texts a line leaves out.
     uint32_t m_textsPresent = 0;
     uint8_t m_digestsPresent = 0;
 };
