@@ -1213,10 +1213,14 @@ void Daemon::WatchdogLoop() {
             for (const auto& event : late) AnswerAtDeadline(*event);
             if (maintenanceOver) {
                 std::lock_guard<std::mutex> policy(m_policyMutex);
-                m_maintenanceUntilNs = 0;
-                m_maintenance = false;
-                ApplyPolicy(false);
-                Log(Level::Info, "maintenance window over");
+                // A window opened again, or closed, meanwhile is left as it is.
+                const int64_t until = m_maintenanceUntilNs.load();
+                if (until != 0 && NowNs() >= until) {
+                    m_maintenanceUntilNs = 0;
+                    m_maintenance = false;
+                    ApplyPolicy(false);
+                    Log(Level::Info, "maintenance window over");
+                }
             }
             late.clear();
             hold.lock();
