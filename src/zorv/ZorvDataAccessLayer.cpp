@@ -33,10 +33,10 @@ constexpr const char* kConnectionPragmas[] = {
 };
 
 // A buffered flush commits every 51 rows, and each row lands on its own leaf
-// of the three digest indexes: some five log frames a row. At SQLite's default
-// of 1,000 frames every few flushes paid a checkpoint with two syncs, under the
-// database lock; a longer log checkpoints each page once for many commits. The
-// log stays under 32 MiB. (The commit hook below checkpoints in place of
+// of the item table's five indexes: some eleven log frames a row. At SQLite's
+// default of 1,000 frames every few flushes paid a checkpoint with two syncs,
+// under the database lock; a longer log checkpoints each page once for many
+// commits. The log stays under 32 MiB. (The commit hook below checkpoints in place of
 // "PRAGMA wal_autocheckpoint", which would replace it.)
 constexpr int kCheckpointFrames = 8192;
 

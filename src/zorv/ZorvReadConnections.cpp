@@ -179,7 +179,7 @@ void ZorvReadConnections::EndLease(Slot& slot) {
     slot.busy.store(false);
     // A commit between the test above and the store found the slot busy and
     // left its snapshot to this lease; seen here, or the slot was free for it.
-    if (slot.snapshot.load() != 0 && Stale(slot)) ReleaseIfIdle(slot, [this](const Slot& s) { return Stale(s); });
+    if (slot.snapshot.load() != 0 && Stale(slot)) ReleaseIfStale(slot);
 }
 
 template <typename Predicate>
@@ -194,6 +194,10 @@ void ZorvReadConnections::ReleaseIfIdle(Slot& slot, Predicate stale) {
     }
 }
 
+void ZorvReadConnections::ReleaseIfStale(Slot& slot) {
+    ReleaseIfIdle(slot, [this](const Slot& s) { return Stale(s); });
+}
+
 ZorvReadConnections::Pause::Pause(ZorvReadConnections& owner) : m_owner(owner) {
     m_owner.m_paused.fetch_add(1);
     m_owner.Invalidate();
@@ -205,7 +209,7 @@ void ZorvReadConnections::Invalidate() {
     m_generation.fetch_add(1);
     for (Slot& slot : m_slots) {
         if (slot.snapshot.load() == 0) continue;
-        ReleaseIfIdle(slot, [this](const Slot& s) { return Stale(s); });
+        ReleaseIfStale(slot);
     }
 }
 

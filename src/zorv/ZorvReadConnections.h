@@ -152,6 +152,7 @@ private:
     // `stale` runs as the slot's holder.
     template <typename Predicate>
     void ReleaseIfIdle(Slot& slot, Predicate stale);
+    void ReleaseIfStale(Slot& slot);
     // Committed over, or paused: to be let go at the first chance.
     bool Stale(const Slot& slot) const;
 
