@@ -45,7 +45,6 @@ enum class FileKind : uint8_t { Plain, Elf, Script };
 struct PermissionEvent {
     int fd = -1;
     pid_t pid = 0;
-    int procDir = -1;  // /proc/<pid>, opened when the event is read; -1 if that failed
     int pidfd = -1;    // the acting process, when the kernel reported it for a judged event
     uint64_t mask = 0;
     int64_t arrivedNs = 0;
@@ -89,6 +88,9 @@ struct CachedDigest {
     int64_t ctimeNs = 0;
     Digests digests{};
     bool execAllowed = false;  // the last exec judgement of this content allowed it
+    // Where the inventory last allowed this content to run or load; empty
+    // when its last judgement did not.
+    std::string allowedAt;
 };
 
 // Digests by (device, inode), valid while size, mtime and ctime are unchanged;
@@ -98,7 +100,10 @@ public:
     explicit DigestCache(size_t limit) : m_limit(limit) {}
     bool Find(const FileId& id, const struct stat& status, CachedDigest& out);
     void Store(const FileId& id, const struct stat& status, const Digests& digests);
-    void MarkExecAllowed(const FileId& id, const struct stat& status, bool allowed);
+    // After a judgement of `kind` at `path`; `inventoryAllowed` when the
+    // inventory allowed it (the engine then keeps it in its allow cache).
+    void MarkJudged(const FileId& id, const struct stat& status, JobKind kind, const std::string& path,
+                    bool allowed, bool inventoryAllowed);
     void Drop(const FileId& id);
     size_t Size();
 
@@ -127,7 +132,7 @@ private:
 struct Counters {
     std::atomic<uint64_t> exec{0}, open{0}, script{0}, library{0}, write{0}, remove{0}, rename{0};
     std::atomic<uint64_t> allowed{0}, denied{0}, deadline{0}, overflow{0}, error{0}, kernelOverflow{0};
-    std::atomic<uint64_t> ownAccess{0}, plainOpens{0};
+    std::atomic<uint64_t> ownAccess{0}, plainOpens{0}, allowCacheAnswers{0};
 };
 
 class Daemon {
@@ -174,11 +179,13 @@ private:
     void AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id);
     // `known`, when given, tells whether the kind was already cached.
     FileKind Classify(int fd, const struct stat& status, bool* known = nullptr);
-    bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out);
+    // `allowedAt`: where the inventory last allowed this content, if it did.
+    bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out, std::string* allowedAt = nullptr);
+    bool AllowedByCache(const PermissionEvent& event, const std::string& target, const std::string& program);
     // False when the write is still unjudged at the deadline.
     bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
     void FinishPendingWrite(const FileId& id);
-    std::string ProgramOf(pid_t pid, int procDir = -1);
+    std::string ProgramOf(pid_t pid);
     bool IsIgnored(const std::string& path) const;
 
     std::string HandleControlRequest(const std::string& line);

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -309,6 +310,39 @@ TEST_F(Zorvd, InventoriedProgramRunsAndRewrittenOneLosesItsVerdict) {
     std::ifstream in(other, std::ios::binary);
     std::ofstream(program, std::ios::binary | std::ios::trunc) << in.rdbuf();
     EXPECT_EQ(RunProgram({program}), 126);
+}
+
+// A program run again is answered from the engine's allow cache; every way
+// of putting other content behind its path, and a change of rules, must
+// send it the whole way again.
+TEST_F(Zorvd, ARunAnsweredFromTheAllowCacheIsJudgedAgainOnceItsFileOrTheRulesChange) {
+    StartDaemon("enforce");
+    const fs::path other = Copy("/usr/bin/false", "other");
+    const std::pair<const char*, std::function<void(const fs::path&)>> changes[] = {
+        {"rewritten in place",
+         [&](const fs::path& program) {
+             std::ifstream in("/usr/bin/false", std::ios::binary);
+             std::ofstream(program, std::ios::binary | std::ios::trunc) << in.rdbuf();
+         }},
+        {"renamed over", [&](const fs::path& program) { fs::rename(Copy("/usr/bin/false", "incoming"), program); }},
+        {"removed and linked again",
+         [&](const fs::path& program) {
+             fs::remove(program);
+             fs::create_hard_link(other, program);
+         }},
+        {"rules replaced", [&](const fs::path&) { Inventory({{other, "/usr/bin/false"}}, false); }},
+    };
+    for (const auto& [change, apply] : changes) {
+        const fs::path program = Copy("/usr/bin/true", "known");
+        Inventory({{program, "/usr/bin/true"}}, false);
+        const double before = StatusNumber("allow_cache_answers");
+        EXPECT_EQ(RunProgram({program}), 0) << change;
+        EXPECT_EQ(RunProgram({program}), 0) << change;
+        EXPECT_EQ(StatusNumber("allow_cache_answers"), before + 1) << change;
+        apply(program);
+        EXPECT_EQ(RunProgram({program}), 126) << change;
+        fs::remove(program);
+    }
 }
 
 TEST_F(Zorvd, ScriptsAndLoaderRunsAreDecided) {
