@@ -846,6 +846,12 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
     // An exec is always judged, and its worker reads the program while the
     // process still waits, so the reader does not.
     const bool exec = (event->mask & FAN_OPEN_EXEC_PERM) != 0;
+    if (!exec && TakeExecOpen(event->pid, id)) {
+        m_counters.open.fetch_add(1, std::memory_order_relaxed);
+        m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
+        Respond(*event, true, false);
+        return;
+    }
     if (!exec) job.program = ProgramOf(event->pid);
     if (exec) {
         m_counters.exec.fetch_add(1, std::memory_order_relaxed);
@@ -998,7 +1004,10 @@ void Daemon::Decide(Job& job) {
     // lag behind this event; the content is vouched for here.
     if (!target.empty() && target == allowedAt && AllowedByCache(event, target, program)) {
         m_counters.allowCacheAnswers.fetch_add(1, std::memory_order_relaxed);
-        Respond(event, true, false);
+        if (job.kind == JobKind::Exec)
+            AnswerExec(event, job.id, true, false);
+        else
+            Respond(event, true, false);
         m_latency.Record(static_cast<uint64_t>((NowNs() - event.arrivedNs) / 1000));
         return;
     }
@@ -1037,7 +1046,8 @@ void Daemon::Decide(Job& job) {
     }
     m_digests.MarkJudged(job.id, status, job.kind, target, allow,
                          status2 == AC_OK && result.dbVerdict == AC_DB_ALLOWED);
-    const bool answered = Respond(event, allow, !allow);
+    const bool answered = job.kind == JobKind::Exec ? AnswerExec(event, job.id, allow, !allow)
+                                                    : Respond(event, allow, !allow);
     m_latency.Record(static_cast<uint64_t>((NowNs() - event.arrivedNs) / 1000));
     if (answered && !allow) {
         const char* what = job.kind == JobKind::Exec ? "exec" : job.kind == JobKind::Library ? "library" : "script";
@@ -1045,6 +1055,25 @@ void Daemon::Decide(Job& job) {
             zorv::host::ToHex(digests.sha256, 32).c_str(), program.c_str(), event.pid, identity.user.c_str(),
             identity.group.c_str(), status2 == AC_BLOCKED ? ReasonText(result) : "engine error");
     }
+}
+
+bool Daemon::AnswerExec(PermissionEvent& event, const FileId& id, bool allow, bool audit) {
+    if (allow && !event.answered && (m_config.scripts || m_config.libraries)) {
+        std::lock_guard<std::mutex> hold(m_execOpenMutex);
+        // Opens that never came (an exec refused after us) leave entries
+        // behind; they go all at once rather than grow.
+        if (m_execOpens.size() >= kProgramEntries) m_execOpens.clear();
+        m_execOpens[event.pid] = id;
+    }
+    return Respond(event, allow, audit);
+}
+
+bool Daemon::TakeExecOpen(pid_t pid, const FileId& id) {
+    std::lock_guard<std::mutex> hold(m_execOpenMutex);
+    const auto found = m_execOpens.find(pid);
+    if (found == m_execOpens.end() || !(found->second == id)) return false;
+    m_execOpens.erase(found);
+    return true;
 }
 
 // A cache check: the engine answers allow only for a (user, program, target)

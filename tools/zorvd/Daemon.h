@@ -182,6 +182,9 @@ private:
     // `allowedAt`: where the inventory last allowed this content, if it did.
     bool DigestsOf(int fd, const FileId& id, const struct stat& status, Digests& out, std::string* allowedAt = nullptr);
     bool AllowedByCache(const PermissionEvent& event, const std::string& target, const std::string& program);
+    // Answers an exec; an allowed one lets its own open through.
+    bool AnswerExec(PermissionEvent& event, const FileId& id, bool allow, bool audit);
+    bool TakeExecOpen(pid_t pid, const FileId& id);
     // False when the write is still unjudged at the deadline.
     bool WaitForPendingWrite(const FileId& id, int64_t deadlineNs);
     void FinishPendingWrite(const FileId& id);
@@ -243,6 +246,13 @@ private:
         int64_t seenNs;
     };
     std::unordered_map<pid_t, ProgramEntry> m_programs;
+
+    // An exec's own open follows its exec event at once, as an open event of
+    // the same file by the same process: once the exec is allowed, that open
+    // is let through as part of it. Recorded before the exec's answer, taken
+    // by the open; only while opens are watched.
+    std::mutex m_execOpenMutex;
+    std::unordered_map<pid_t, FileId> m_execOpens;
 
     std::shared_mutex m_groupMutex;
     std::thread m_reader;
