@@ -1252,10 +1252,14 @@ void Daemon::WatchdogLoop() {
         std::vector<std::shared_ptr<PermissionEvent>> late;
         std::deque<std::shared_ptr<PermissionEvent>> waiting;
         int64_t wakeNs = now + (m_inflight.empty() ? kIdleNs : kInflightSweepNs);
+        bool answered = false;
         // Deadlines mostly grow in arrival order, but not after a reload
         // shortened them: every event is looked at.
         for (auto& event : m_inflight) {
-            if (event->answered) continue;
+            if (event->answered) {
+                answered = true;
+                continue;
+            }
             if (event->deadlineNs <= now) {
                 late.push_back(std::move(event));
             } else {
@@ -1264,10 +1268,17 @@ void Daemon::WatchdogLoop() {
             }
         }
         m_inflight.swap(waiting);
+        // `waiting` now holds the answered events. Letting go of them closes
+        // their descriptors, a few system calls each and a hundred events in
+        // a busy sweep: never under this lock, which the reader takes for
+        // every event it hands on.
+        std::deque<std::shared_ptr<PermissionEvent>> done;
+        done.swap(waiting);
         const int64_t maintenanceUntil = m_maintenanceUntilNs.load();
         const bool maintenanceOver = maintenanceUntil != 0 && now >= maintenanceUntil;
-        if (!late.empty() || maintenanceOver) {
+        if (!late.empty() || maintenanceOver || answered) {
             hold.unlock();
+            done.clear();
             for (const auto& event : late) AnswerAtDeadline(*event);
             if (maintenanceOver) {
                 std::lock_guard<std::mutex> policy(m_policyMutex);
