@@ -1599,7 +1599,30 @@ void Daemon::Shutdown() {
         static_cast<unsigned long long>(m_counters.deadline.load()));
 }
 
+// Every event read brings two descriptors (the file's and the pidfd), held
+// until the event is let go of, so a busy second holds hundreds. The table of
+// a process's descriptors grows by doubling, and once the process has threads
+// each growth waits for an RCU grace period, tens of milliseconds inside the
+// read of the next event while programs wait on it. So the limit is raised to
+// what the system allows (a read that finds no free descriptor fails the
+// event) and the table is grown here, once, before there are threads.
+static void ReserveDescriptors() {
+    constexpr rlim_t kReserved = 8192;
+    struct rlimit limit {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    if (limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    const int any = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (any < 0) return;
+    const int top = fcntl(any, F_DUPFD_CLOEXEC, static_cast<int>(std::min(limit.rlim_cur, kReserved) - 1));
+    if (top >= 0) close(top);
+    close(any);
+}
+
 int Daemon::Run() {
+    ReserveDescriptors();
     m_startNs = NowNs();
     m_deadlineMs = m_config.deadlineMs;
     if (const char* stall = std::getenv("ZORVD_FAULT_STALL_MS")) m_stallMs = static_cast<uint32_t>(std::atoi(stall));
