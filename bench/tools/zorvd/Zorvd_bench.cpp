@@ -68,7 +68,10 @@ const std::string kAllOn = "\"exec\", \"scripts\", \"libraries\"";
 // fapolicyd, for the comparison: run only where it is installed and this
 // process could give it a namespace in which the only tmpfs is its own.
 constexpr const char* kFapolicyd = "/usr/sbin/fapolicyd";
-const std::string kFapolicydSetup = "fapolicyd";
+// Its stock integrity setting ("none": trust by path and size) and the one
+// that, like zorvd, checks the content ("sha256").
+const std::string kFapolicydSetup = "fapolicyd", kFapolicydSha256Setup = "fapolicyd:sha256";
+bool IsFapolicyd(const std::string& control) { return control.rfind(kFapolicydSetup, 0) == 0; }
 std::string g_noFapolicyd;  // why there is no comparison; empty when there is
 std::string g_fapolicydTrust;
 long g_mountId = -1;
@@ -250,10 +253,10 @@ void PrepareFapolicyd() {
     // Debian's stock settings but for these: tmpfs is the only type watched,
     // trust comes from the file alone, it runs as root and writes no report,
     // and it never refuses (permissive, and a last rule that allows).
-    std::ofstream(etc / "fapolicyd.conf") << "permissive = 1\nnice_val = 14\nq_size = 640\nuid = root\ngid = root\n"
+    std::ofstream(etc / "fapolicyd.conf.in") << "permissive = 1\nnice_val = 14\nq_size = 640\nuid = root\ngid = root\n"
                                              "do_stat_report = 0\ndetailed_report = 0\ndb_max_size = 50\n"
                                              "subj_cache_size = 1549\nobj_cache_size = 8191\nwatch_fs = tmpfs\n"
-                                             "trust = file\nintegrity = none\n"
+                                             "trust = file\nintegrity = @\n"
                                              "syslog_format = rule,dec,perm,auid,pid,exe,:,path,ftype,trust\n"
                                              "rpm_sha256_only = 0\nallow_filesystem_mark = 0\n";
     // Libraries and programs judged by trust, as its own example policies do.
@@ -284,8 +287,14 @@ std::vector<std::string> FanotifyMarks(pid_t pid) {
 // A fresh fapolicyd, ready once it listens, and only if every mark it holds
 // is on the benchmark's own tmpfs: anything else and it is killed at once
 // and the comparison dropped.
-bool StartFapolicyd() {
+bool StartFapolicyd(const std::string& integrity) {
     if (!g_noFapolicyd.empty()) return false;
+    {
+        std::ifstream in(g_root / "fapolicyd" / "etc" / "fapolicyd.conf.in");
+        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        text.replace(text.find('@'), 1, integrity);
+        std::ofstream(g_root / "fapolicyd" / "etc" / "fapolicyd.conf") << text;
+    }
     // Without its configuration it would watch every ext4 and tmpfs it sees.
     std::ifstream config("/etc/fapolicyd/fapolicyd.conf");
     const std::string settings((std::istreambuf_iterator<char>(config)), std::istreambuf_iterator<char>());
@@ -326,13 +335,13 @@ bool StartFapolicyd() {
     return false;
 }
 
-// control: "" for no daemon, kFapolicydSetup for fapolicyd, else the TOML
+// control: "" for no daemon, one of the fapolicyd setups, else the TOML
 // list's contents. A fresh process each time: nothing cached from an earlier
 // run.
 bool StartDaemon(const std::string& control, const std::string& store = "ac.db", const std::string& extra = "") {
     StopDaemon();
     if (control.empty()) return true;
-    if (control == kFapolicydSetup) return StartFapolicyd();
+    if (IsFapolicyd(control)) return StartFapolicyd(control == kFapolicydSha256Setup ? "sha256" : "none");
     std::ofstream(g_root / "zorvd.toml") << "mode = \"enforce\"\nstore = \"" << (g_root / store).string()
                                          << "\"\nsocket = \"" << Socket() << "\"\nwatch = [\"" << g_mount.string()
                                          << "\"]\nlog = \"" << (g_root / "zorvd.log").string() << "\"\ncontrol = ["
@@ -408,7 +417,7 @@ void ExecOverhead(benchmark::State& state, std::string layout, Setups setups, bo
         for (int round = 0; round < kRounds; ++round)
             for (const auto& [name, control] : setups) {
                 if (!StartDaemon(control)) {
-                    state.SkipWithError(control == kFapolicydSetup ? g_noFapolicyd.c_str() : "zorvd did not start");
+                    state.SkipWithError(IsFapolicyd(control) ? g_noFapolicyd.c_str() : "zorvd did not start");
                     return;
                 }
                 if (!cold && Run({warmProgram}, root) != 0) {
@@ -431,7 +440,7 @@ void ExecOverhead(benchmark::State& state, std::string layout, Setups setups, bo
                 // From the event's read to its answer, as the daemon measures
                 // it: the rest of the added time is the kernel's and the
                 // scheduler's.
-                if (g_daemon > 0 && control != kFapolicydSetup) {
+                if (g_daemon > 0 && !IsFapolicyd(control)) {
                     daemonP50[name].push_back(StatusNumber("p50"));
                     if (StatusNumber("deadline_answers") != 0) state.SkipWithError("deadline answers");
                 }
@@ -454,7 +463,7 @@ void FileHeavy(benchmark::State& state, std::string name, std::string control) {
     for (auto _ : state) {
         state.PauseTiming();
         if (!StartDaemon(control)) {
-            state.SkipWithError(control == kFapolicydSetup ? g_noFapolicyd.c_str() : "zorvd did not start");
+            state.SkipWithError(IsFapolicyd(control) ? g_noFapolicyd.c_str() : "zorvd did not start");
             break;
         }
         const double cpuBefore = DaemonCpuSeconds();
@@ -738,10 +747,12 @@ void PrintSummary() {
                                          : std::string("(it added none)"),
                           "<= 25%", theirAdded > 0 && added <= theirAdded / 4);
             }
-            if (figure(prefix + "fapolicyd.median") >= 0)
-                PrintLine("    fapolicyd",
-                          Format("%+.0f us / %+.0f us", theirAdded, figure(prefix + "fapolicyd.p99") - baseP99),
-                          "(reported)", -1);
+            for (const char* theirs : {"fapolicyd", "fapolicyd_sha256"})
+                if (figure(prefix + theirs + ".median") >= 0)
+                    PrintLine((std::string("    ") + theirs).c_str(),
+                              Format("%+.0f us / %+.0f us", figure(prefix + theirs + ".median") - baseMedian,
+                                     figure(prefix + theirs + ".p99") - baseP99),
+                              "(reported)", -1);
         }
     }
     if (!g_noFapolicyd.empty()) std::printf("  no comparison with fapolicyd: %s\n", g_noFapolicyd.c_str());
@@ -799,7 +810,12 @@ int main(int argc, char** argv) {
         return 0;
     }
     Setups setups = {{"none", ""}, {"exec_only", kExecOnly}, {"all_on", kAllOn}};
-    if (g_noFapolicyd.empty()) setups.emplace_back("fapolicyd", kFapolicydSetup);
+    Setups fileSetups = setups;
+    if (g_noFapolicyd.empty()) {
+        setups.emplace_back("fapolicyd", kFapolicydSetup);
+        setups.emplace_back("fapolicyd_sha256", kFapolicydSha256Setup);
+        fileSetups.emplace_back("fapolicyd", kFapolicydSetup);
+    }
     for (const bool system : {false, true})
         for (const bool cold : {true, false}) {
             const std::string title = std::string(cold ? "ExecCold" : "ExecWarm") + (system ? "WholeSystem" : "");
@@ -808,7 +824,7 @@ int main(int argc, char** argv) {
                 ->UseManualTime()
                 ->Unit(benchmark::kMillisecond);
         }
-    for (const auto& [name, control] : setups)
+    for (const auto& [name, control] : fileSetups)
         benchmark::RegisterBenchmark((std::string("FileHeavy20k/") + name).c_str(), FileHeavy,
                                      std::string("files.") + name, control)
             ->Iterations(kFileHeavyRuns)
