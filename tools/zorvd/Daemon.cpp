@@ -393,6 +393,14 @@ std::deque<Job> JobQueue::TakeAll() {
 
 // ---- DigestCache -----------------------------------------------------------
 
+bool DigestCache::AllowedSomewhere(const FileId& id, const struct stat& status) {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    const auto found = m_entries.find(id);
+    return found != m_entries.end() && !found->second.allowedAt.empty() &&
+           found->second.size == static_cast<uint64_t>(status.st_size) &&
+           found->second.mtimeNs == TimeNs(status.st_mtim) && found->second.ctimeNs == TimeNs(status.st_ctim);
+}
+
 bool DigestCache::Find(const FileId& id, const struct stat& status, CachedDigest& out) {
     std::lock_guard<std::mutex> hold(m_mutex);
     const auto found = m_entries.find(id);
@@ -674,15 +682,21 @@ bool Daemon::Respond(PermissionEvent& event, bool allow, bool audit) {
 void Daemon::AnswerOverflow(const std::shared_ptr<PermissionEvent>& event, const FileId& id) {
     const uint64_t count = m_counters.overflow.fetch_add(1) + 1;
     bool allow = m_config.onDeadline == Answer::Allow;
+    const bool exec = (event->mask & FAN_OPEN_EXEC_PERM) != 0;
     struct stat status {};
     CachedDigest cached;
-    if ((event->mask & FAN_OPEN_EXEC_PERM) != 0 && fstat(event->fd, &status) == 0 &&
-        m_digests.Find(id, status, cached) && cached.execAllowed)
+    // What the inventory allowed, unchanged since, is allowed still: as a
+    // program only where it last ran as one, as a library or script wherever.
+    if (fstat(event->fd, &status) == 0 &&
+        (exec ? m_digests.Find(id, status, cached) && cached.execAllowed : m_digests.AllowedSomewhere(id, status)))
         allow = true;
     if (count == 1 || count % 1000 == 0)
         Log(Level::Warning, "event queue full: %llu events answered without the engine (this one: %s)",
             static_cast<unsigned long long>(count), allow ? "allow" : "deny");
-    Respond(*event, allow, false);
+    if (exec)
+        AnswerExec(*event, id, allow, false);
+    else
+        Respond(*event, allow, false);
 }
 
 // ---- Reading events --------------------------------------------------------
@@ -860,12 +874,22 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
         bool seenBefore = false;
         const FileKind classified = Classify(event->fd, status, &seenBefore);
-        FileKind kind = classified;
-        if (kind != FileKind::Plain && OpenIsNoRun(event->pid)) kind = FileKind::Plain;
-        if (kind == FileKind::Elf && m_config.libraries) {
+        bool judged = (classified == FileKind::Elf && m_config.libraries) ||
+                      (classified == FileKind::Script && m_config.scripts);
+        if (judged) {
+            // Content the inventory allowed, unchanged since, goes on without
+            // asking whether this open runs it at all: its worker's allow
+            // cache most likely answers, and only where it does not is the
+            // question put, while the process still waits.
+            if (m_digests.AllowedSomewhere(id, status))
+                job.runUnchecked = true;
+            else
+                judged = !OpenIsNoRun(event->pid);
+        }
+        if (judged && classified == FileKind::Elf) {
             m_counters.library.fetch_add(1, std::memory_order_relaxed);
             job.kind = JobKind::Library;
-        } else if (kind == FileKind::Script && m_config.scripts) {
+        } else if (judged) {
             m_counters.script.fetch_add(1, std::memory_order_relaxed);
             job.kind = JobKind::Script;
         } else {
@@ -1009,6 +1033,11 @@ void Daemon::Decide(Job& job) {
         else
             Respond(event, true, false);
         m_latency.Record(static_cast<uint64_t>((NowNs() - event.arrivedNs) / 1000));
+        return;
+    }
+    if (job.runUnchecked && OpenIsNoRun(event.pid)) {
+        m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
+        Respond(event, true, false);
         return;
     }
     const ProcessIdentity identity = IdentityOf(event.pid, event.pidfd);

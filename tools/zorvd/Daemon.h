@@ -63,6 +63,7 @@ struct Job {
     std::shared_ptr<PermissionEvent> event;  // Write jobs: the written file's descriptor, never answered
     FileId id;
     std::string program;                     // the program behind the event, taken when the event was read
+    bool runUnchecked = false;               // an open not yet asked whether it runs the file
 };
 
 // A bounded queue of jobs; Push refuses when full instead of waiting.
@@ -104,6 +105,8 @@ public:
     // inventory allowed it (the engine then keeps it in its allow cache).
     void MarkJudged(const FileId& id, const struct stat& status, JobKind kind, const std::string& path,
                     bool allowed, bool inventoryAllowed);
+    // Whether the inventory last allowed this very content, at some path.
+    bool AllowedSomewhere(const FileId& id, const struct stat& status);
     void Drop(const FileId& id);
     size_t Size();
 
