@@ -1301,13 +1301,20 @@ void Daemon::WatchdogLoop() {
         // their descriptors, a few system calls each and a hundred events in
         // a busy sweep: never under this lock, which the reader takes for
         // every event it hands on.
-        std::deque<std::shared_ptr<PermissionEvent>> done;
-        done.swap(waiting);
-        const int64_t maintenanceUntil = m_maintenanceUntilNs.load();
-        const bool maintenanceOver = maintenanceUntil != 0 && now >= maintenanceUntil;
-        if (!late.empty() || maintenanceOver || answered) {
+        if (answered) {
+            std::deque<std::shared_ptr<PermissionEvent>> done;
+            done.swap(waiting);
             hold.unlock();
             done.clear();
+            hold.lock();
+            // Events that arrived meanwhile found the watchdog awake and did
+            // not wake it: they are looked at within a sweep.
+            if (!m_inflight.empty()) wakeNs = std::min(wakeNs, NowNs() + kInflightSweepNs);
+        }
+        const int64_t maintenanceUntil = m_maintenanceUntilNs.load();
+        const bool maintenanceOver = maintenanceUntil != 0 && now >= maintenanceUntil;
+        if (!late.empty() || maintenanceOver) {
+            hold.unlock();
             for (const auto& event : late) AnswerAtDeadline(*event);
             if (maintenanceOver) {
                 std::lock_guard<std::mutex> policy(m_policyMutex);
