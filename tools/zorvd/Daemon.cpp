@@ -438,12 +438,12 @@ void DigestCache::Store(const FileId& id, const struct stat& status, const Diges
 }
 
 void DigestCache::MarkJudged(const FileId& id, const struct stat& status, JobKind kind, const std::string& path,
-                             bool allowed, bool inventoryAllowed) {
+                             bool inventoryAllowed) {
     std::lock_guard<std::mutex> hold(m_mutex);
     const auto found = m_entries.find(id);
     if (found == m_entries.end() || found->second.ctimeNs != TimeNs(status.st_ctim)) return;
-    if (kind == JobKind::Exec) found->second.execAllowed = allowed && inventoryAllowed;
-    if (inventoryAllowed && allowed)
+    if (kind == JobKind::Exec) found->second.execAllowed = inventoryAllowed;
+    if (inventoryAllowed)
         found->second.allowedAt = path;
     else
         found->second.allowedAt.clear();
@@ -855,23 +855,21 @@ void Daemon::HandlePermission(std::shared_ptr<PermissionEvent> event) {
     const FileId id{status.st_dev, status.st_ino};
     Job job;
     job.id = id;
-    // Remember who opens what while the opener is still blocked here: a
-    // writer that exits before its close-write is read is then still known.
-    // An exec is always judged, and its worker reads the program while the
-    // process still waits, so the reader does not.
-    const bool exec = (event->mask & FAN_OPEN_EXEC_PERM) != 0;
-    if (!exec && TakeExecOpen(event->pid, id)) {
-        m_counters.open.fetch_add(1, std::memory_order_relaxed);
-        m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
-        Respond(*event, true, false);
-        return;
-    }
-    if (!exec) job.program = ProgramOf(event->pid);
-    if (exec) {
+    if ((event->mask & FAN_OPEN_EXEC_PERM) != 0) {
+        // An exec is always judged, and its worker reads the program while
+        // the process still waits.
         m_counters.exec.fetch_add(1, std::memory_order_relaxed);
         job.kind = JobKind::Exec;
     } else {
         m_counters.open.fetch_add(1, std::memory_order_relaxed);
+        if (TakeExecOpen(event->pid, id)) {
+            m_counters.plainOpens.fetch_add(1, std::memory_order_relaxed);
+            Respond(*event, true, false);
+            return;
+        }
+        // Remember who opens what while the opener is still blocked here: a
+        // writer that exits before its close-write is read is then still known.
+        job.program = ProgramOf(event->pid);
         bool seenBefore = false;
         const FileKind classified = Classify(event->fd, status, &seenBefore);
         bool judged = (classified == FileKind::Elf && m_config.libraries) ||
@@ -1073,8 +1071,8 @@ void Daemon::Decide(Job& job) {
         m_counters.error.fetch_add(1, std::memory_order_relaxed);
         allow = m_config.ErrorAnswer() == Answer::Allow;
     }
-    m_digests.MarkJudged(job.id, status, job.kind, target, allow,
-                         status2 == AC_OK && result.dbVerdict == AC_DB_ALLOWED);
+    m_digests.MarkJudged(job.id, status, job.kind, target,
+                         allow && status2 == AC_OK && result.dbVerdict == AC_DB_ALLOWED);
     const bool answered = job.kind == JobKind::Exec ? AnswerExec(event, job.id, allow, !allow)
                                                     : Respond(event, allow, !allow);
     m_latency.Record(static_cast<uint64_t>((NowNs() - event.arrivedNs) / 1000));

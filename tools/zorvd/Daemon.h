@@ -104,7 +104,7 @@ public:
     // After a judgement of `kind` at `path`; `inventoryAllowed` when the
     // inventory allowed it (the engine then keeps it in its allow cache).
     void MarkJudged(const FileId& id, const struct stat& status, JobKind kind, const std::string& path,
-                    bool allowed, bool inventoryAllowed);
+                    bool inventoryAllowed);
     // Whether the inventory last allowed this very content, at some path.
     bool AllowedSomewhere(const FileId& id, const struct stat& status);
     void Drop(const FileId& id);
