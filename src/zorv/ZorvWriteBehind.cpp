@@ -27,6 +27,7 @@ ZorvWriteBehind::~ZorvWriteBehind() {
         Stop();
     } catch (...) {
     }
+    if (!m_abandoned) delete m_signals;
 }
 
 bool ZorvWriteBehind::Start() {
@@ -97,6 +98,7 @@ void ZorvWriteBehind::Abandon() {
     // the mutex: waking or joining it could hang the host's exit for ever.
     // Forget the thread; what it left queued is stored here, if the mutex is
     // free to look.
+    m_abandoned = true;
     std::deque<Task> left;
     if (m_mutex.try_lock()) {
         left.swap(m_tasks);

@@ -52,9 +52,20 @@ private:
     // Stop at process exit, once the system has ended the worker.
     void Abandon();
 
-    std::mutex m_mutex;               // guards the members below up to m_nextTick
-    std::condition_variable m_wake;   // a task arrived, or Stop
-    std::condition_variable m_idle;   // the worker finished a task
+    // The condition variables live apart from the object, so that an exit
+    // that ended the worker inside one of them can leave them undestroyed:
+    // destroying a condition variable a dead thread held spins for ever
+    // (the MinGW threads library does).
+    struct Signals {
+        std::condition_variable wake;
+        std::condition_variable idle;
+    };
+    Signals* m_signals = new Signals;  // deleted by the destructor unless abandoned
+    bool m_abandoned = false;
+
+    std::mutex m_mutex;                                  // guards the members below up to m_nextTick
+    std::condition_variable& m_wake = m_signals->wake;  // a task arrived, or Stop
+    std::condition_variable& m_idle = m_signals->idle;  // the worker finished a task
     std::deque<Task> m_tasks;
     bool m_running = false;           // a worker takes tasks
     bool m_busy = false;              // the worker runs a task it took
