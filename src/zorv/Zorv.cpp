@@ -205,6 +205,7 @@ uint32_t EngineStart(const EngineStartParams* params) {
     const std::lock_guard<std::mutex> lifecycle(g_lifecycle);
     if (ZorvLogger::Instance().InitLogger(params->logCallback, params->logLevel) != 0) return AC_E_LOGGER;
     ZorvDAL& dal = ZorvDAL::Instance();
+    dal.SetCallsInside([] { return g_calls.InFlight(); });
     if (params->dbPath != nullptr && !dal.SetDBPath(FromHostText(params->dbPath))) return AC_E_INVALID_ARG;
     if (!dal.InitDB()) return AC_E_DB_OPEN;
     if (g_engine.load(std::memory_order_acquire) != nullptr) return AC_OK;

@@ -13,6 +13,7 @@
 #include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
 #include "ZorvText.h"
+#include "platform/Platform.h"
 
 namespace zorv {
 
@@ -189,13 +190,19 @@ ZorvDAL& ZorvDAL::Instance() {
     // that would hear about it may already be tearing down: nothing is logged
     // once the process-wide store is being destroyed.
     struct ProcessStore {
-        ZorvDAL dal;
-        ~ProcessStore() { ZorvLogger::Instance().SetLevel(0); }
+        ZorvDAL* dal = new ZorvDAL;
+        ~ProcessStore() {
+            ZorvLogger::Instance().SetLevel(0);
+            // A store some ended thread was using is left whole to the
+            // process's end: even its members' teardown would wait on what
+            // that thread held.
+            if (!dal->LeftToTheProcessEnd()) delete dal;
+        }
     };
     // Constructed first, so destroyed after the store.
     ZorvLogger::Instance();
     static ProcessStore store;
-    return store.dal;
+    return *store.dal;
 }
 
 const std::vector<std::string>& ZorvDAL::SchemaScripts() { return Scripts(); }
@@ -557,8 +564,25 @@ void ZorvDAL::Finalize() {
     }
 }
 
+bool ZorvDAL::LeftToTheProcessEnd() {
+    const auto callsInside = m_callsInside.load();
+    if (!platform::OtherThreadsEnded() ||
+        !(m_writeBehind.EndedInsideATask() || (callsInside != nullptr && callsInside() != 0)))
+        return false;
+    m_writeBehind.Forsake();
+    return true;
+}
+
 void ZorvDAL::Shutdown() {
     m_shutDown = true;
+    // At a process's exit on Windows the system has ended every other thread
+    // before the library's teardown, whatever it held: the writer's lock, a
+    // read connection, SQLite's own mutexes, the log's. If one was inside the
+    // library then (a host's call, or a task of the write-behind worker),
+    // waiting on any of those would hang the host's exit for ever. The store
+    // is then left to the process's end, as after a crash: buffered rows are
+    // lost, and the log keeps what was committed.
+    if (LeftToTheProcessEnd()) return;
     // Decisions' writes first: the buffers below may hold what they add.
     m_writeBehind.Stop();
     if (m_DB) {

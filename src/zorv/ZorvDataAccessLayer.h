@@ -91,6 +91,14 @@ public:
     bool InitDB();
     // Flushes the write-behind buffers and closes the database.
     void Shutdown();
+    // How many calls of the host are inside the library; asked only at a
+    // process's exit, when other threads may have been ended inside one.
+    void SetCallsInside(uint64_t (*callsInside)()) { m_callsInside.store(callsInside); }
+    // True at a process's exit when another thread was ended inside the
+    // library (a host's call, or a task of the write-behind worker): the store
+    // is then left as it is, since closing it could wait on what that thread
+    // held for ever.
+    bool LeftToTheProcessEnd();
     bool DeleteDB();
     bool PurgeDB(uint32_t kind);
     std::u16string GetErrorString();
@@ -342,6 +350,7 @@ private:
     std::atomic<bool> m_storeHealthy{true};
     std::atomic<bool> m_storeDamaged{false};  // SQLite reported corruption; kept until reopened
     std::atomic<uint64_t> m_rulesGeneration{0};
+    std::atomic<uint64_t (*)()> m_callsInside{nullptr};
 
     // The writes decisions ask for, done beside them; running while the store
     // is open. Last, so that it is gone before anything its tasks use.

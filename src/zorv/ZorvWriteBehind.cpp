@@ -111,6 +111,26 @@ void ZorvWriteBehind::Abandon() {
     for (const Task& task : left) Run(task);
 }
 
+bool ZorvWriteBehind::EndedInsideATask() {
+    if (!m_mutex.try_lock()) return true;
+    const bool busy = m_busy;
+    m_mutex.unlock();
+    return busy;
+}
+
+void ZorvWriteBehind::Forsake() {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+    m_abandoned = true;
+    if (m_mutex.try_lock()) {
+        m_tasks.clear();
+        m_running = false;
+        m_busy = false;
+        m_stopping = true;
+        m_mutex.unlock();
+    }
+    if (m_worker.joinable()) m_worker.detach();
+}
+
 void ZorvWriteBehind::SetTick(std::function<bool()> tick, std::chrono::milliseconds interval) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_tick = std::move(tick);

@@ -39,6 +39,11 @@ public:
     void Drain();
     // Runs what is queued, then ends the worker.
     void Stop();
+    // At a process's exit, once the system has ended the worker: whether it
+    // was ended inside a task (holding whatever the task had taken), and
+    // forgetting it and its queue without running anything.
+    bool EndedInsideATask();
+    void Forsake();
 
     // Housekeeping the worker does between tasks: from a Wake on, `tick` runs
     // every `interval` until it answers false. Set before Start.

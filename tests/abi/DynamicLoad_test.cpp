@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "LoadedLibrary.h"
 #include "zorv/zorv.h"
@@ -96,16 +98,18 @@ constexpr char kChildStore[] = "ZORV_EXIT_CHILD_DB";
 
 }  // namespace
 
-// The child half of the test below: start, leave a row buffered, and exit
-// without engine_stop.
-TEST(DynamicLoad, ExitChild) {
+// The child half of the tests below: start, leave a row buffered, and exit
+// without engine_stop; with `busy`, while two threads decide events and store
+// items.
+void ExitWithoutStop(bool busy) {
     const char* dbFile = std::getenv(kChildStore);
-    if (dbFile == nullptr || *dbFile == '\0') GTEST_SKIP() << "run by ExitWithoutStopMakesNoCallback";
+    if (dbFile == nullptr || *dbFile == '\0') GTEST_SKIP() << "run by the tests below";
     LoadedLibrary library;
     ASSERT_TRUE(library.Loaded()) << library.Error();
     auto start = library.Symbol<uint32_t (*)(const EngineStartParams*)>("engine_start");
     auto store = library.Symbol<uint32_t (*)(const InventoryItemRecord*, uint8_t)>("store_item");
-    ASSERT_TRUE(start && store);
+    auto act = library.Symbol<uint32_t (*)(void*, const AppCtlEvent*, AppCtlResult*)>("app_ctl");
+    ASSERT_TRUE(start && store && act);
     const Text dbPath = Widen(dbFile);
     EngineStartParams params{};
     params.dbPath = dbPath.c_str();
@@ -120,12 +124,42 @@ TEST(DynamicLoad, ExitChild) {
     item.fullPath = full.c_str();
     item.ruleset = ruleset.c_str();
     ASSERT_EQ(store(&item, 1), AC_OK);
+    if (busy) {
+        std::atomic<int> started{0};
+        for (int thread = 0; thread < 2; ++thread) {
+            std::thread([&started, act, store, item] {
+                const Text user = Widen("u"), process = Widen("/bin/sh");
+                unsigned char digest[32] = {};
+                for (uint64_t i = 0;; ++i) {
+                    const Text target = Widen("/opt/p" + std::to_string(i % 1000) + ".exe");
+                    digest[0] = static_cast<unsigned char>(i);
+                    AppCtlEvent event{};
+                    event.type = AC_OP_PROCESS_CREATE;
+                    event.pid = 100 + i;
+                    event.isExec = 1;
+                    event.size = 10;
+                    event.name = target.c_str();
+                    event.processName = process.c_str();
+                    event.user = user.c_str();
+                    event.fileSha256 = digest;
+                    AppCtlResult result{};
+                    act(nullptr, &event, &result);
+                    store(&item, static_cast<uint8_t>(i % 2));
+                    if (i == 0) ++started;
+                }
+            }).detach();
+        }
+        while (started < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     // Registered after the library's own exit-time work, so it runs first.
     std::atexit(Exiting);
     std::fflush(stdout);
     // The library stays loaded: its teardown runs as the process exits.
     std::exit(0);
 }
+
+TEST(DynamicLoad, ExitChild) { ExitWithoutStop(false); }
+TEST(DynamicLoad, ExitBusyChild) { ExitWithoutStop(true); }
 
 // A host that exits without stopping the engine hears nothing from it once
 // exit has begun: the library's exit-time teardown must not call the host.
@@ -135,4 +169,15 @@ TEST(DynamicLoad, ExitWithoutStopMakesNoCallback) {
     const int status = zorv::abi::RunSelf("DynamicLoad.ExitChild", kChildStore, folder.File("ac.db"), output);
     EXPECT_EQ(status, 0) << output;
     EXPECT_EQ(output.find("late log callback"), std::string::npos) << output;
+}
+
+// A host that exits while its event threads are inside the library: Windows
+// ends them first, whatever they hold (the writer's lock, SQLite's mutexes),
+// and the library's teardown must not wait on any of it.
+TEST(DynamicLoad, ExitWhileCallsRunDoesNotHang) {
+    if (!zorv::abi::ThreadsEndBeforeTeardown()) GTEST_SKIP() << "threads run on through exit here; a host stops them";
+    const zorv::abi::TempFolder folder;
+    std::string output;
+    const int status = zorv::abi::RunSelf("DynamicLoad.ExitBusyChild", kChildStore, folder.File("ac.db"), output);
+    EXPECT_EQ(status, 0) << output;
 }

@@ -49,6 +49,10 @@ private:
     std::string m_path;
 };
 
+// Whether the system ends a process's other threads before a library's
+// teardown at exit (Windows), rather than letting them run on (POSIX).
+bool ThreadsEndBeforeTeardown();
+
 // Runs this test binary again on `filter` alone, with `variable` set to
 // `value`, and answers its exit status; its output lands in `output`.
 int RunSelf(const std::string& filter, const std::string& variable, const std::string& value, std::string& output);

@@ -52,6 +52,8 @@ TempFolder::~TempFolder() {
 
 std::string TempFolder::File(const std::string& name) const { return m_path + "/" + name; }
 
+bool ThreadsEndBeforeTeardown() { return false; }
+
 int RunSelf(const std::string& filter, const std::string& variable, const std::string& value, std::string& output) {
     // The test binary by its real name (the shell's /proc/self is the shell).
     char self[4096] = {};

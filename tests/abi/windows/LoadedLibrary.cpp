@@ -76,6 +76,8 @@ TempFolder::~TempFolder() {
 
 std::string TempFolder::File(const std::string& name) const { return m_path + "\\" + name; }
 
+bool ThreadsEndBeforeTeardown() { return true; }
+
 int RunSelf(const std::string& filter, const std::string& variable, const std::string& value, std::string& output) {
     char self[MAX_PATH] = {};
     if (GetModuleFileNameA(nullptr, self, MAX_PATH) == 0) return -1;
