@@ -564,6 +564,13 @@ void ZorvDAL::Finalize() {
     }
 }
 
+// At a process's exit on Windows the system has ended every other thread
+// before the library's teardown, whatever it held: the writer's lock, a read
+// connection, SQLite's own mutexes, the log's. If one was inside the library
+// then (a host's call, or a task of the write-behind worker), waiting on any
+// of those would hang the host's exit for ever. The store is then left to the
+// process's end, as after a crash: buffered rows are lost, and the log keeps
+// what was committed.
 bool ZorvDAL::LeftToTheProcessEnd() {
     const auto callsInside = m_callsInside.load();
     if (!platform::OtherThreadsEnded() ||
@@ -575,14 +582,6 @@ bool ZorvDAL::LeftToTheProcessEnd() {
 
 void ZorvDAL::Shutdown() {
     m_shutDown = true;
-    // At a process's exit on Windows the system has ended every other thread
-    // before the library's teardown, whatever it held: the writer's lock, a
-    // read connection, SQLite's own mutexes, the log's. If one was inside the
-    // library then (a host's call, or a task of the write-behind worker),
-    // waiting on any of those would hang the host's exit for ever. The store
-    // is then left to the process's end, as after a crash: buffered rows are
-    // lost, and the log keeps what was committed.
-    if (LeftToTheProcessEnd()) return;
     // Decisions' writes first: the buffers below may hold what they add.
     m_writeBehind.Stop();
     if (m_DB) {

@@ -119,7 +119,8 @@ bool ZorvWriteBehind::EndedInsideATask() {
 }
 
 void ZorvWriteBehind::Forsake() {
-    std::lock_guard<std::mutex> lifecycle(m_lifecycle);
+    // Nothing is waited for: an ended thread may hold any of the locks.
+    std::unique_lock<std::mutex> lifecycle(m_lifecycle, std::try_to_lock);
     m_abandoned = true;
     if (m_mutex.try_lock()) {
         m_tasks.clear();
