@@ -94,10 +94,14 @@ void ZorvWriteBehind::Stop() {
 }
 
 void ZorvWriteBehind::Abandon() {
+    // What the ended worker left queued is stored here.
+    for (const Task& task : LetGoOfWorker()) Run(task);
+}
+
+std::deque<ZorvWriteBehind::Task> ZorvWriteBehind::LetGoOfWorker() {
     // The worker was ended by the system, possibly inside a wait or holding
     // the mutex: waking or joining it could hang the host's exit for ever.
-    // Forget the thread; what it left queued is stored here, if the mutex is
-    // free to look.
+    // Forget the thread, and take its queue if the mutex is free to look.
     m_abandoned = true;
     std::deque<Task> left;
     if (m_mutex.try_lock()) {
@@ -108,7 +112,7 @@ void ZorvWriteBehind::Abandon() {
         m_mutex.unlock();
     }
     if (m_worker.joinable()) m_worker.detach();
-    for (const Task& task : left) Run(task);
+    return left;
 }
 
 bool ZorvWriteBehind::EndedInsideATask() {
@@ -121,15 +125,7 @@ bool ZorvWriteBehind::EndedInsideATask() {
 void ZorvWriteBehind::Forsake() {
     // Nothing is waited for: an ended thread may hold any of the locks.
     std::unique_lock<std::mutex> lifecycle(m_lifecycle, std::try_to_lock);
-    m_abandoned = true;
-    if (m_mutex.try_lock()) {
-        m_tasks.clear();
-        m_running = false;
-        m_busy = false;
-        m_stopping = true;
-        m_mutex.unlock();
-    }
-    if (m_worker.joinable()) m_worker.detach();
+    LetGoOfWorker();
 }
 
 void ZorvWriteBehind::SetTick(std::function<bool()> tick, std::chrono::milliseconds interval) {

@@ -56,6 +56,8 @@ private:
     void Work();
     // Stop at process exit, once the system has ended the worker.
     void Abandon();
+    // Forgets the ended worker; answers what it left queued.
+    std::deque<Task> LetGoOfWorker();
 
     // The condition variables live apart from the object, so that an exit
     // that ended the worker inside one of them can leave them undestroyed:
