@@ -7,6 +7,7 @@
 
 #include "ZorvDataAccessLayerShared.h"
 #include "ZorvLogger.h"
+#include "ZorvSharedMapVfs.h"
 #include "ZorvSlottedSharedMutex.h"
 #include "ZorvText.h"
 
@@ -245,8 +246,10 @@ bool ZorvReadConnections::Connect(Slot& slot) {
     }
     sqlite3* raw = nullptr;
     // A connection is only ever used by the one thread holding its slot, so
-    // SQLite's own per-call mutex would guard nothing.
-    const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    // SQLite's own per-call mutex would guard nothing. The VFS maps the store
+    // once for every connection (null: the default, one mapping each).
+    const int rc =
+        sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, SharedMapVfsName());
     auto lookups = std::make_unique<Lookups>();
     lookups->db.reset(raw, CloseConnection);
     if (rc != SQLITE_OK) {
@@ -254,8 +257,8 @@ bool ZorvReadConnections::Connect(Slot& slot) {
         return false;
     }
     sqlite3_busy_timeout(raw, kBusyTimeoutMs);
-    // The pages are shared through the mapping, which covers the whole store
-    // (a million items take some 300 MB): a page outside it is copied in by a
+    // The pages are read through the mapping, which covers the whole store
+    // (a million items take some 170 MB): a page outside it is copied in by a
     // read() per lookup into each reader's small cache of its own, which more
     // than doubled a lookup's price.
     sqlite3_exec(raw, "PRAGMA mmap_size = 1073741824;", nullptr, nullptr, nullptr);

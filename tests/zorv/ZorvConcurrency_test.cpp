@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -312,6 +313,79 @@ TEST_F(ZorvConcurrency, TheLogStartsOverBetweenImportsWhileLookupsRun) {
     stop = true;
     for (auto& thread : lookups) thread.join();
     EXPECT_LE(largest, 3 * first) << "log after the first import: " << first << " bytes";
+    ZorvLogger::Instance().SetLevel(0xF);
+}
+
+// Lookups read the store's pages through one mapping that every read
+// connection shares. While other threads hold pages of it, it must follow
+// the file as imports grow it, as a purge's vacuum shrinks it and when a
+// purge puts a new file in its place: an answer from a page of the old
+// file, or of a size that is no more, would be wrong or would crash.
+TEST_F(ZorvConcurrency, LookupsStayRightWhileTheStoreGrowsShrinksAndIsReplaced) {
+    const auto digest = [](int round, int rule) {
+        char text[65];
+        std::snprintf(text, sizeof text, "%08x%08x%048x", round, rule, 0x5A);
+        return std::string(text);
+    };
+    const auto ruleset = [&](int round) {
+        std::string text = "{\"rules\":[";
+        for (int i = 0; i < 1000 * round; ++i) {
+            text += (i ? "," : "") + std::string("{\"fileName\":\"f.exe\",\"sha256\":\"") + digest(round, i) +
+                    "\",\"size\":1,\"action\":\"allow\"}";
+        }
+        return test::U16(text + "]}");
+    };
+    ZorvLogger::Instance().SetLevel(AC_LOG_ERROR);
+    AppControlConfig::Instance().SetLockdown(true);
+    // The last round imported; negative once it has been purged.
+    std::atomic<int> state{0};
+    std::atomic<bool> changing{false}, stop{false};
+    std::atomic<int> judged{0}, wrong{0};
+    std::vector<std::thread> lookups;
+    for (int t = 0; t < 3; ++t) {
+        lookups.emplace_back([&, t] {
+            PluginEvent start;
+            start.name = u"c:\\apps\\f.exe";
+            start.size = 1;
+            std::array<uint8_t, 32> sha256{};
+            for (unsigned n = 0; !stop.load(); ++n) {
+                const bool during = changing.load();
+                const int seen = state.load();
+                const int round = seen < 0 ? -seen : seen;
+                if (round == 0) continue;
+                const std::string hex = digest(round, static_cast<int>((n * 7919u + t * 104729u) % (1000u * round)));
+                for (size_t i = 0; i < sha256.size(); ++i) {
+                    sha256[i] = static_cast<uint8_t>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
+                }
+                start.pid = 5000 + t * 100000 + n;
+                AppCtlEvent record = start.Record();
+                record.fileSha256 = sha256.data();
+                AppCtlResult result{};
+                app_ctl(nullptr, &record, &result);
+                if (during || changing.load() || state.load() != seen) continue;
+                ++judged;
+                if (result.action != (seen > 0 ? AC_DECISION_ALLOW : AC_DECISION_BLOCK)) ++wrong;
+            }
+        });
+    }
+    const auto change = [&](int next, const auto& step) {
+        changing = true;
+        step();
+        state = next;
+        changing = false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    };
+    for (int round = 1; round <= 8; ++round) {
+        change(round, [&] {
+            ASSERT_EQ(set_ruleset_buffer(0, test::Host(ruleset(round)), test::Host(u"executionRules")), AC_OK);
+        });
+        if (round == 4) change(-round, [&] { EXPECT_EQ(purge_db(AC_SOURCE_EXECUTION_RULES), AC_OK); });
+    }
+    change(-8, [&] { EXPECT_EQ(purge_db(0), AC_OK); });
+    stop = true;
+    for (auto& thread : lookups) thread.join();
+    EXPECT_GT(judged.load(), 100);
+    EXPECT_EQ(wrong.load(), 0) << "of " << judged.load() << " lookups";
     ZorvLogger::Instance().SetLevel(0xF);
 }
 
