@@ -115,8 +115,8 @@ int main(int argc, char** argv) {
     std::vector<Goal> goals = {
         {"zorv replay 1M events vs bare app_ctl loop", "BM_ZorvReplay", "BM_Bare_AppCtlLoop", 1.3},
         {"zorv replay peak memory (MB)", "BM_ZorvReplay", "", 0, 0, "peak_MB", 200},
-        // The same, with the store's pages that both read connections map
-        // counted once rather than twice.
+        // The same, with the pages the process shares with others (the
+        // store's, in the page cache) counted in part.
         {"zorv replay peak proportional set size (MB)", "BM_ZorvReplay", "", 0, 0, "peak_pss_MB", 200},
     };
     return RunWithGoals(argc, argv, std::move(goals));
