@@ -134,22 +134,36 @@ struct Work {
     uint64_t size = 0;  // as the walk saw it; 0 when not asked for
 };
 
-// Bounded: the walk never runs far ahead of the readers.
-class WorkQueue {
+// A file read and digested, waiting to be stored.
+struct Row {
+    fs::path path;
+    host::ZString fullPath, folder, name;
+    host::FileDigests digests;
+    uint64_t size = 0;
+};
+
+// Bounded: whoever fills it never runs far ahead of whoever empties it.
+// Each side is woken only once the other has done a batch of work, not for
+// every item: a thread woken per file cost more than the work it was woken for.
+template <typename Item>
+class BoundedQueue {
 public:
-    void Push(Work path) {
+    // A consumer waits for `batch` items (or the close).
+    explicit BoundedQueue(size_t batch) : m_batch(batch) {}
+    void Push(Item item) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_space.wait(lock, [&] { return m_items.size() < 4096; });
-        m_items.push_back(std::move(path));
-        m_ready.notify_one();
+        m_space.wait(lock, [&] { return m_items.size() < kCapacity; });
+        m_items.push_back(std::move(item));
+        if (m_items.size() >= m_batch) m_ready.notify_one();
     }
-    bool Pop(Work& path) {
+    bool Pop(Item& item) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_ready.wait(lock, [&] { return !m_items.empty() || m_closed; });
+        m_ready.wait(lock, [&] { return m_items.size() >= m_batch || m_closed; });
         if (m_items.empty()) return false;
-        path = std::move(m_items.front());
+        item = std::move(m_items.front());
         m_items.pop_front();
-        m_space.notify_one();
+        // A full queue's producer waits until it is half empty.
+        if (m_items.size() == kCapacity / 2) m_space.notify_all();
         return true;
     }
     void Close() {
@@ -159,11 +173,16 @@ public:
     }
 
 private:
+    static constexpr size_t kCapacity = 4096;
+    const size_t m_batch;
     std::mutex m_mutex;  // guards m_items and m_closed
     std::condition_variable m_ready, m_space;
-    std::deque<Work> m_items;
+    std::deque<Item> m_items;
     bool m_closed = false;
 };
+
+using WorkQueue = BoundedQueue<Work>;
+using RowQueue = BoundedQueue<Row>;
 
 void Walk(const std::vector<fs::path>& roots, const ScanOptions& options, WorkQueue& queue, Tally& tally) {
     const auto push = [&](const fs::path& path, const fs::directory_entry* entry) {
@@ -230,12 +249,13 @@ void Walk(const std::vector<fs::path>& roots, const ScanOptions& options, WorkQu
     tally.walkDone = true;
 }
 
-// One reader thread: classify, read and digest, store.
-void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set<uint64_t>& known, Tally& tally) {
+// One reader thread: classify, read and digest, and hand what is new on to
+// be stored.
+void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set<uint64_t>& known, RowQueue& rows,
+          Tally& tally) {
     host::Digester digester;
     std::vector<uint8_t> buffer;
     Work work;
-    const ZorvChar emptyRuleset[] = {0};
     while (queue.Pop(work)) {
         const fs::path& path = work.path;
         struct Through {
@@ -265,7 +285,7 @@ void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set
                 }
             }
         }
-        const std::optional<host::ZString> fullPath = host::PathToZ(path);
+        std::optional<host::ZString> fullPath = host::PathToZ(path);
         if (!fullPath) {
             tally.Skip("name not UTF-8", &path);
             continue;
@@ -290,17 +310,29 @@ void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set
             ++tally.known;
             continue;
         }
-        const std::optional<host::ZString> folder = host::PathToZ(path.parent_path());
-        const std::optional<host::ZString> name = host::PathToZ(path.filename());
+        std::optional<host::ZString> folder = host::PathToZ(path.parent_path());
+        std::optional<host::ZString> name = host::PathToZ(path.filename());
+        rows.Push(Row{path, std::move(*fullPath), std::move(*folder), std::move(*name), read.digests, read.after.size});
+    }
+}
+
+// The one storing thread. A flush of the engine's write buffer (every 51
+// rows) holds its store for milliseconds, and every store_item meanwhile
+// waits for it: from the readers, that stopped both reading while one
+// flushed.
+void Store(RowQueue& rows, Tally& tally) {
+    const ZorvChar emptyRuleset[] = {0};
+    Row row;
+    while (rows.Pop(row)) {
         InventoryItemRecord item{};
-        std::copy(std::begin(read.digests.md5), std::end(read.digests.md5), item.md5);
-        std::copy(std::begin(read.digests.sha1), std::end(read.digests.sha1), item.sha1);
-        std::copy(std::begin(read.digests.sha256), std::end(read.digests.sha256), item.sha256);
+        std::copy(std::begin(row.digests.md5), std::end(row.digests.md5), item.md5);
+        std::copy(std::begin(row.digests.sha1), std::end(row.digests.sha1), item.sha1);
+        std::copy(std::begin(row.digests.sha256), std::end(row.digests.sha256), item.sha256);
         item.source = AC_SOURCE_SCANNED;
-        item.fileName = name->c_str();
-        item.path = folder->c_str();
-        item.fullPath = fullPath->c_str();
-        item.size = read.after.size;
+        item.fileName = row.name.c_str();
+        item.path = row.folder.c_str();
+        item.fullPath = row.fullPath.c_str();
+        item.size = row.size;
         item.isAuthorized = 1;
         item.ruleset = emptyRuleset;
         const uint32_t stored = store_item(&item, 1);
@@ -308,7 +340,7 @@ void Read(WorkQueue& queue, const ScanOptions& options, const std::unordered_set
             ++tally.stored;
         } else {
             ++tally.failed;
-            tally.Skip("not stored", &path, host::StatusName(stored));
+            tally.Skip("not stored", &row.path, host::StatusName(stored));
         }
     }
 }
@@ -375,11 +407,15 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
         options->sizes = progress;
         unsigned jobs = options->jobs ? options->jobs : std::max(1u, std::thread::hardware_concurrency());
         Tally tally;
-        WorkQueue queue;
+        WorkQueue queue(1);
         const auto readStarted = std::chrono::steady_clock::now();
+        // The engine commits its write buffer every 51 rows: the storer wakes
+        // for as many.
+        RowQueue rows(51);
         std::thread walker([&] { Walk(roots, *options, queue, tally); });
+        std::thread storer([&] { Store(rows, tally); });
         std::vector<std::thread> readers;
-        for (unsigned i = 0; i < jobs; ++i) readers.emplace_back([&] { Read(queue, *options, known, tally); });
+        for (unsigned i = 0; i < jobs; ++i) readers.emplace_back([&] { Read(queue, *options, known, rows, tally); });
 
         std::atomic<bool> finished{false};
         std::thread painter;
@@ -402,6 +438,8 @@ CommandRun DefineScan(CLI::App& command, const CommonOptions& common) {
         }
         walker.join();
         for (std::thread& reader : readers) reader.join();
+        rows.Close();
+        storer.join();
         finished = true;
         if (painter.joinable()) painter.join();
         const uint32_t flushed = flush_db_buffer();
