@@ -56,8 +56,11 @@ Digester::~Digester() { m_state->Destroy(); }
 
 void Digester::Update(const void* data, size_t length) {
     auto* bytes = static_cast<PUCHAR>(const_cast<void*>(data));
+    // A slice at a time through all three, so that the second and third read
+    // it from the processor's first-level cache rather than from memory.
+    constexpr ULONG kSlice = 16 * 1024;
     while (length > 0) {
-        const ULONG chunk = length > 0x40000000u ? 0x40000000u : static_cast<ULONG>(length);
+        const ULONG chunk = length > kSlice ? kSlice : static_cast<ULONG>(length);
         for (BCRYPT_HASH_HANDLE hash : m_state->hashes) BCryptHashData(hash, bytes, chunk, 0);
         bytes += chunk;
         length -= chunk;

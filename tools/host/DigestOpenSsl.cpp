@@ -1,5 +1,6 @@
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "Digest.h"
@@ -35,7 +36,14 @@ Digester::~Digester() {
 }
 
 void Digester::Update(const void* data, size_t length) {
-    for (EVP_MD_CTX* context : m_state->contexts) EVP_DigestUpdate(context, data, length);
+    // A slice at a time through all three, so that the second and third read
+    // it from the processor's first-level cache rather than from memory.
+    constexpr size_t kSlice = 16 * 1024;
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    for (size_t done = 0; done < length; done += kSlice) {
+        const size_t take = std::min(kSlice, length - done);
+        for (EVP_MD_CTX* context : m_state->contexts) EVP_DigestUpdate(context, bytes + done, take);
+    }
 }
 
 FileDigests Digester::Finish() {
