@@ -223,10 +223,12 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
 // std::getline moves every line through the stream buffer and into a string
 // of its own, a large share of a replay's reading.
 // A pipe is read a line at a time instead, so that a live stream is decided
-// as it arrives rather than a block later.
+// as it arrives rather than a block later. A block is small enough to stay in
+// the processor's first-level cache from the read to the parse: with 1 MiB
+// blocks, copying the file in was a tenth of a replay.
 class LineReader {
 public:
-    LineReader(std::istream& in, bool pipe) : m_in(in), m_pipe(pipe), m_buffer(pipe ? 0 : 1 << 20) {}
+    LineReader(std::istream& in, bool pipe) : m_in(in), m_pipe(pipe), m_buffer(pipe ? 0 : 32 << 10) {}
 
     // The next line without its '\n'; false after the last. Valid until the
     // next call.
