@@ -101,18 +101,22 @@ bool CopyPage(const std::filesystem::path& payload, std::FILE* out, uint64_t& ro
             tail += '\r';
         }
         heldCr = false;
-        if (std::memchr(data, '\r', length) != nullptr) {
-            size_t kept = 0;
-            for (size_t read = 0; read < length; ++read) {
-                if (data[read] == '\r' && read + 1 == length) {
-                    heldCr = true;
-                    continue;
-                }
-                if (data[read] == '\r' && data[read + 1] == '\n') continue;
-                data[kept++] = data[read];
+        // Line by line rather than byte by byte: every line has its CR.
+        size_t kept = 0;
+        for (size_t read = 0; read < length;) {
+            const void* cr = std::memchr(data + read, '\r', length - read);
+            const size_t stop = cr != nullptr ? static_cast<size_t>(static_cast<const char*>(cr) - data) : length;
+            if (kept != read) std::memmove(data + kept, data + read, stop - read);
+            kept += stop - read;
+            if (cr == nullptr) break;
+            read = stop + 1;
+            if (read == length) {
+                heldCr = true;
+            } else if (data[read] != '\n') {
+                data[kept++] = '\r';
             }
-            length = kept;
         }
+        length = kept;
         const char* const begin = data;
         const char* const end = data + length;
         const auto lines = static_cast<uint64_t>(std::count(begin, end, '\n'));
