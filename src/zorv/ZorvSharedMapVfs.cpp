@@ -26,6 +26,11 @@ using FileName = decltype(sqlite3_create_filename(nullptr, nullptr, nullptr, 0, 
 // changes; when the file's size does, the next connection to look makes a new
 // one, and an old one is unmapped once no connection reads from it.
 struct Generation {
+    Generation() = default;
+    Generation(const Generation&) = delete;
+    Generation& operator=(const Generation&) = delete;
+    ~Generation();
+
     std::unique_ptr<unsigned char[]> storage;
     sqlite3_file* file = nullptr;  // in `storage`
     // The default VFS keeps a pointer to the name its file was opened with.
@@ -85,13 +90,10 @@ bool Moved(sqlite3_file* file) {
     return file->pMethods->xFileControl(file, SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK && moved != 0;
 }
 
-void CloseGeneration(Generation& generation) {
-    if (generation.file != nullptr && generation.file->pMethods != nullptr) {
-        generation.file->pMethods->xClose(generation.file);
-    }
-    generation.file = nullptr;
-    sqlite3_free_filename(generation.name);
-    generation.name = nullptr;
+// Closing the file unmaps it.
+Generation::~Generation() {
+    if (file != nullptr && file->pMethods != nullptr) file->pMethods->xClose(file);
+    sqlite3_free_filename(name);
 }
 
 // The file at `path` mapped over its first `size` bytes; null when it cannot
@@ -105,10 +107,7 @@ std::unique_ptr<Generation> MapGeneration(sqlite3_vfs* vfs, const std::string& p
     int flags = 0;
     const int rc = vfs->xOpen(vfs, generation->name, file, SQLITE_OPEN_READONLY | SQLITE_OPEN_MAIN_DB, &flags);
     generation->file = file;
-    if (rc != SQLITE_OK || file->pMethods == nullptr || file->pMethods->iVersion < 3) {
-        CloseGeneration(*generation);
-        return nullptr;
-    }
+    if (rc != SQLITE_OK || file->pMethods == nullptr || file->pMethods->iVersion < 3) return nullptr;
     // The default VFS maps the file's size at the first fetch, up to its
     // limit. Its first and last byte both answering proves the mapping covers
     // `size`; the pages are then handed out from here, never through its
@@ -124,10 +123,7 @@ std::unique_ptr<Generation> MapGeneration(sqlite3_vfs* vfs, const std::string& p
     }
     if (last != nullptr) file->pMethods->xUnfetch(file, size - 1, last);
     if (first != nullptr) file->pMethods->xUnfetch(file, 0, first);
-    if (generation->base == nullptr) {
-        CloseGeneration(*generation);
-        return nullptr;
-    }
+    if (generation->base == nullptr) return nullptr;
     return generation;
 }
 
@@ -140,7 +136,6 @@ void LetGo(SharedMapping& mapping, ShimFile& shim) {
     // Older and unread: unmapped now.
     for (auto it = mapping.generations.begin(); it != mapping.generations.end(); ++it) {
         if (it->get() == old) {
-            CloseGeneration(**it);
             mapping.generations.erase(it);
             return;
         }
@@ -156,23 +151,21 @@ void Adopt(ShimFile& shim) {
     if (shim.real->pMethods->xFileSize(shim.real, &size) != SQLITE_OK) size = -1;
     size = std::min(size, shim.limit);
     std::lock_guard<std::mutex> lock(mapping.lock);
+    // Pages come only from a mapping of the connection's own file: the path
+    // must name it, and then the mapping's file, or a mapping opened by path.
+    if (Moved(shim.real)) {
+        LetGo(mapping, shim);
+        return;
+    }
     Generation* newest = mapping.generations.empty() ? nullptr : mapping.generations.back().get();
-    if (newest == nullptr || newest->size != size) {
+    if (newest == nullptr || newest->size != size || Moved(newest->file)) {
         std::unique_ptr<Generation> made = size > 0 ? MapGeneration(mapping.vfs, mapping.path, size) : nullptr;
-        // Opened by path: only the connection's own file, if the path still
-        // names it after the opening.
-        if (made != nullptr && Moved(shim.real)) {
-            CloseGeneration(*made);
-            made.reset();
-        }
+        if (made != nullptr && Moved(shim.real)) made.reset();
         if (made == nullptr) {
             LetGo(mapping, shim);
             return;
         }
-        if (newest != nullptr && newest->connections == 0) {
-            CloseGeneration(*newest);
-            mapping.generations.pop_back();
-        }
+        if (newest != nullptr && newest->connections == 0) mapping.generations.pop_back();
         mapping.generations.push_back(std::move(made));
         newest = mapping.generations.back().get();
     }
@@ -180,11 +173,6 @@ void Adopt(ShimFile& shim) {
     LetGo(mapping, shim);
     ++newest->connections;
     shim.generation = newest;
-}
-
-void DestroyMapping(SharedMapping* mapping) {
-    for (auto& generation : mapping->generations) CloseGeneration(*generation);
-    delete mapping;
 }
 
 // The mapping of the file `real` has open at `path`; null when it cannot be
@@ -213,7 +201,7 @@ SharedMapping* Join(sqlite3_vfs* vfs, const char* path, sqlite3_file* real) {
     if (Moved(real)) {
         if (mapping->users == 0) {
             registry.byPath.erase(path);
-            DestroyMapping(mapping);
+            delete mapping;
         }
         return nullptr;
     }
@@ -234,7 +222,7 @@ void Leave(ShimFile& shim) {
         auto found = registry.byPath.find(mapping->path);
         if (found != registry.byPath.end() && found->second == mapping) registry.byPath.erase(found);
     }
-    DestroyMapping(mapping);
+    delete mapping;
 }
 
 // sqlite3_io_methods: forwarded to the real file, but for the mapping.

@@ -47,21 +47,28 @@ int Count(sqlite3* db, const std::string& mark) {
     return count;
 }
 
+// Whether the connection on the old file has read through the mapping
+// before the rename or only after the new file's connection has: in both
+// orders each must read its own file.
 TEST(SharedMapVfsPosix, AStoreRenamedOverIsReadFromItselfAndTheOldOneFromItsOwnFile) {
     ASSERT_NE(SharedMapVfsName(), nullptr);
-    test::TempDir dir;
-    const std::filesystem::path store = dir / "ac.db", replacement = dir / "new.db";
-    MakeStore(store, "old");
-    MakeStore(replacement, "new");
+    for (const bool oldReadsFirst : {true, false}) {
+        SCOPED_TRACE(oldReadsFirst ? "the old file read before the rename" : "the old file read only after");
+        test::TempDir dir;
+        const std::filesystem::path store = dir / "ac.db", replacement = dir / "new.db";
+        MakeStore(store, "old");
+        MakeStore(replacement, "new");
 
-    const Connection first = OpenShared(store);
-    ASSERT_EQ(Count(first.get(), "old"), 2000);
-    std::filesystem::rename(replacement, store);
-    const Connection second = OpenShared(store);
-    EXPECT_EQ(Count(second.get(), "new"), 2000);
-    EXPECT_EQ(Count(second.get(), "old"), 0);
-    // The first connection still has the old file open, and reads it whole.
-    EXPECT_EQ(Count(first.get(), "old"), 2000);
+        const Connection first = OpenShared(store);
+        if (oldReadsFirst) ASSERT_EQ(Count(first.get(), "old"), 2000);
+        std::filesystem::rename(replacement, store);
+        const Connection second = OpenShared(store);
+        EXPECT_EQ(Count(second.get(), "new"), 2000);
+        EXPECT_EQ(Count(second.get(), "old"), 0);
+        // The first connection still has the old file open, and reads it whole.
+        EXPECT_EQ(Count(first.get(), "old"), 2000);
+        EXPECT_EQ(Count(first.get(), "new"), 0);
+    }
 }
 
 }  // namespace
