@@ -71,7 +71,7 @@ struct ShimFile {
     SharedMapping* shared;   // main database files only; else null
     Generation* generation;  // where this connection's pages come from; null: read them
     int fetched;             // pages of `generation` handed out and not yet given back
-    bool recheck;            // look for the newest generation once no page is out
+    bool recheck;            // look for the newest generation once no page is out (set at open)
     sqlite3_int64 limit;     // the largest mapping this connection allows
 };
 
@@ -299,7 +299,10 @@ int Fetch(sqlite3_file* file, sqlite3_int64 offset, int amount, void** page) {
         if (RealMethods(file)->iVersion < 3) return SQLITE_OK;
         return RealMethods(file)->xFetch(Real(file), offset, amount, page);
     }
-    if (shim->fetched == 0 && (shim->recheck || shim->generation == nullptr)) {
+    // Looked at again only when SQLite says the file may have changed: a
+    // connection that found no mapping to use reads its pages until then,
+    // rather than trying again at every page.
+    if (shim->fetched == 0 && shim->recheck) {
         if (shim->limit <= 0) return SQLITE_OK;
         Adopt(*shim);
     }
