@@ -353,10 +353,14 @@ TEST_F(ZorvConcurrency, LookupsStayRightWhileTheStoreGrowsShrinksAndIsReplaced) 
                 const int seen = state.load();
                 const int round = seen < 0 ? -seen : seen;
                 if (round == 0) continue;
-                const std::string hex = digest(round, static_cast<int>((n * 7919u + t * 104729u) % (1000u * round)));
-                for (size_t i = 0; i < sha256.size(); ++i) {
-                    sha256[i] = static_cast<uint8_t>(std::stoi(hex.substr(2 * i, 2), nullptr, 16));
+                // The bytes of digest(round, rule).
+                const uint32_t rule = (n * 7919u + t * 104729u) % (1000u * round);
+                sha256.fill(0);
+                for (int i = 0; i < 4; ++i) {
+                    sha256[i] = static_cast<uint8_t>(static_cast<uint32_t>(round) >> (24 - 8 * i));
+                    sha256[4 + i] = static_cast<uint8_t>(rule >> (24 - 8 * i));
                 }
+                sha256[31] = 0x5A;
                 start.pid = 5000 + t * 100000 + n;
                 AppCtlEvent record = start.Record();
                 record.fileSha256 = sha256.data();
