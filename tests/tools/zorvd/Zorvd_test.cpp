@@ -410,6 +410,36 @@ TEST_F(Zorvd, TrustedUpdaterWriteThenExecIsAllowed) {
     EXPECT_EQ(RunProgram({untrusted}), 126);
 }
 
+// A trusted updater any user can run would let every user bring in programs:
+// `dpkg-deb -x` of their own package, or a write handed on to an updater
+// through an inherited descriptor. The shipped rules name root as the user.
+TEST_F(Zorvd, ATrustedUpdaterRunByAnotherUserIsNoTrustedUpdater) {
+    struct Case {
+        const char* ruleUser;  // nullptr: the rule names no user
+        uid_t writer;
+        int execStatus;
+    } cases[] = {{nullptr, 0, 0}, {nullptr, 65534, 0}, {"root", 0, 0}, {"root", 65534, 126}};
+    // Where the other user can write: the folders above it must let them through.
+    chmod(m_root.c_str(), 0755);
+    const fs::path shared = m_mount / "shared";
+    fs::create_directories(shared);
+    fs::permissions(shared, fs::perms::all);
+    int round = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string("rule user ") + (c.ruleUser ? c.ruleUser : "(any)") + ", writer uid " +
+                     std::to_string(c.writer));
+        std::ofstream(m_root / "trust.json")
+            << R"({"Trustrules":[{"processName":"/usr/bin/cp","trustType":1)"
+            << (c.ruleUser ? std::string(R"(,"user":")") + c.ruleUser + "\"" : std::string()) << "}]}";
+        StartDaemon("enforce");
+        const std::string target = (shared / ("written" + std::to_string(round++))).string();
+        ASSERT_EQ(RunProgram({"/usr/bin/cp", "/usr/bin/true", target}, 10000, "/dev/null", {c.writer, c.writer}), 0);
+        EXPECT_EQ(RunProgram({target}), c.execStatus) << LogText();
+        StopDaemon(SIGTERM);
+        for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(Store() + suffix);
+    }
+}
+
 TEST_F(Zorvd, StalledEngineIsAnsweredAtTheDeadline) {
     const fs::path unknown = Copy("/usr/bin/true", "unknown");
     for (const char* answer : {"allow", "deny"}) {
