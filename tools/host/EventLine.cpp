@@ -259,7 +259,8 @@ const FieldTable& Fields() {
     return fields;
 }
 
-std::string Quoted(std::string_view key) { return "\"" + std::string(key) + "\""; }
+// A key is the line's own text: escaped, the error stays one printable line.
+std::string Quoted(std::string_view key) { return "\"" + Printable(key) + "\""; }
 
 }  // namespace
 

@@ -12,6 +12,40 @@ std::optional<ZString> Utf8ToZ(std::string_view utf8) {
     return out;
 }
 
+namespace {
+
+// The code point at `at` and its length in bytes; false for bytes that are
+// not strict UTF-8 (overlong forms, surrogates, truncated sequences, past
+// U+10FFFF).
+bool DecodeUtf8(std::string_view utf8, size_t at, uint32_t& code, size_t& length) {
+    const auto lead = static_cast<unsigned char>(utf8[at]);
+    size_t extra = 0;
+    uint32_t minimum = 0;
+    if (lead < 0x80) {
+        code = lead, length = 1;
+        return true;
+    } else if ((lead & 0xE0) == 0xC0) {
+        code = lead & 0x1F, extra = 1, minimum = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        code = lead & 0x0F, extra = 2, minimum = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        code = lead & 0x07, extra = 3, minimum = 0x10000;
+    } else {
+        return false;
+    }
+    if (at + extra >= utf8.size()) return false;
+    for (size_t k = 1; k <= extra; ++k) {
+        const auto next = static_cast<unsigned char>(utf8[at + k]);
+        if ((next & 0xC0) != 0x80) return false;
+        code = (code << 6) | (next & 0x3F);
+    }
+    if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+    length = extra + 1;
+    return true;
+}
+
+}  // namespace
+
 bool Utf8ToZ(std::string_view utf8, ZString& out) {
     // Paths and names are mostly ASCII: that run is widened in one pass,
     // found eight bytes at a step.
@@ -27,30 +61,9 @@ bool Utf8ToZ(std::string_view utf8, ZString& out) {
     if (i == utf8.size()) return true;
     out.reserve(utf8.size());
     while (i < utf8.size()) {
-        const auto lead = static_cast<unsigned char>(utf8[i]);
         uint32_t code = 0;
-        size_t extra = 0;
-        uint32_t minimum = 0;
-        if (lead < 0x80) {
-            out.push_back(static_cast<ZorvChar>(lead));
-            ++i;
-            continue;
-        } else if ((lead & 0xE0) == 0xC0) {
-            code = lead & 0x1F, extra = 1, minimum = 0x80;
-        } else if ((lead & 0xF0) == 0xE0) {
-            code = lead & 0x0F, extra = 2, minimum = 0x800;
-        } else if ((lead & 0xF8) == 0xF0) {
-            code = lead & 0x07, extra = 3, minimum = 0x10000;
-        } else {
-            return false;
-        }
-        if (i + extra >= utf8.size()) return false;
-        for (size_t k = 1; k <= extra; ++k) {
-            const auto next = static_cast<unsigned char>(utf8[i + k]);
-            if ((next & 0xC0) != 0x80) return false;
-            code = (code << 6) | (next & 0x3F);
-        }
-        if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+        size_t length = 0;
+        if (!DecodeUtf8(utf8, i, code, length)) return false;
         if (code >= 0x10000) {
             code -= 0x10000;
             out.push_back(static_cast<ZorvChar>(0xD800 + (code >> 10)));
@@ -58,9 +71,40 @@ bool Utf8ToZ(std::string_view utf8, ZString& out) {
         } else {
             out.push_back(static_cast<ZorvChar>(code));
         }
-        i += extra + 1;
+        i += length;
     }
     return true;
+}
+
+std::string Printable(std::string_view text) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        uint32_t code = 0;
+        size_t length = 0;
+        if (!DecodeUtf8(text, i, code, length)) {
+            const auto byte = static_cast<unsigned char>(text[i++]);
+            out += {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
+            continue;
+        }
+        if (code == '\n') {
+            out += "\\n";
+        } else if (code == '\r') {
+            out += "\\r";
+        } else if (code == '\t') {
+            out += "\\t";
+        } else if (code < 0x20 || (code >= 0x7F && code <= 0x9F)) {
+            out += {'\\', 'x', kHex[code >> 4], kHex[code & 15]};
+        } else if (code == 0x2028 || code == 0x2029 || code == 0x200E || code == 0x200F ||
+                   (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069)) {
+            out += {'\\', 'u', '2', '0', kHex[(code >> 4) & 15], kHex[code & 15]};
+        } else {
+            out.append(text.substr(i, length));
+        }
+        i += length;
+    }
+    return out;
 }
 
 std::string ZToUtf8(const ZorvChar* text, size_t length) {

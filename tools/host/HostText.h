@@ -22,6 +22,13 @@ std::optional<ZString> Utf8ToZ(std::string_view utf8);
 // The same into `out` (its storage reused); false for invalid UTF-8.
 bool Utf8ToZ(std::string_view utf8, ZString& out);
 
+// Text anyone may have named (files, processes, event lines) made safe for a
+// terminal and a one-line log: line breaks, control characters (C0, DEL,
+// C1), the Unicode line separators and the bidirectional overrides, which
+// could show a name reversed, become escapes such as \n, \x1b and \u202e;
+// bytes that are not UTF-8 become \xNN. Everything else is kept as it is.
+std::string Printable(std::string_view text);
+
 // Unpaired surrogates become U+FFFD: engine text is shown, never refused.
 std::string ZToUtf8(const ZorvChar* text, size_t length);
 std::string ZToUtf8(const ZorvChar* text);  // NUL-terminated, null gives ""

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "HostText.h"
+
 namespace zorv::host {
 
 namespace {
@@ -40,7 +42,8 @@ std::string NumberText(double value) {
 std::string ScalarText(const cJSON* item) {
     if (cJSON_IsNumber(item)) return NumberText(item->valuedouble);
     if (cJSON_IsBool(item)) return cJSON_IsTrue(item) ? "true" : "false";
-    if (cJSON_IsString(item)) return item->valuestring;
+    // Ruleset names and rule texts come from the documents imported.
+    if (cJSON_IsString(item)) return Printable(item->valuestring);
     if (cJSON_IsNull(item)) return "null";
     return "";
 }
@@ -61,7 +64,7 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 
 void Flatten(const cJSON* object, const std::string& prefix, Rows& rows) {
     for (const cJSON* item = object->child; item != nullptr; item = item->next) {
-        const std::string key = prefix.empty() ? item->string : prefix + "." + item->string;
+        const std::string key = Printable(prefix.empty() ? item->string : prefix + "." + item->string);
         if (cJSON_IsObject(item))
             Flatten(item, key, rows);
         else if (cJSON_IsArray(item))
@@ -136,7 +139,7 @@ bool RenderMetricsTables(const std::string& json, std::string& out, std::string&
     Rows counters;
     for (const cJSON* item = metrics->child; item != nullptr; item = item->next) {
         if (item->string == std::string_view("ACVersion")) continue;
-        if (!cJSON_IsObject(item) && !cJSON_IsArray(item)) counters.emplace_back(item->string, ScalarText(item));
+        if (!cJSON_IsObject(item) && !cJSON_IsArray(item)) counters.emplace_back(Printable(item->string), ScalarText(item));
     }
     AppendRows(out, "Counters", counters);
     // People look for the store first, then the cache, then the rest in the

@@ -9,6 +9,8 @@
 #include <memory>
 #include <system_error>
 
+#include "HostText.h"
+
 namespace zorv::cli {
 
 namespace fs = std::filesystem;
@@ -25,7 +27,10 @@ uint32_t g_logMask = 0;
 
 void PrintError(const std::string& input, const std::string& reason) {
     std::fflush(stdout);
-    std::fprintf(stderr, "zorv: %s: %s\n", input.c_str(), reason.c_str());
+    // Both may hold names anyone chose (a file on a scanned disk, a line of
+    // an event file): escaped, an error stays one line and sends the
+    // terminal nothing but text.
+    std::fprintf(stderr, "zorv: %s: %s\n", host::Printable(input).c_str(), host::Printable(reason).c_str());
 }
 
 bool Speak(const CommonOptions& common) { return !common.quiet; }

@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "ControlClient.h"
+#include "HostText.h"
 #include "MetricsRender.h"
 
 namespace zorv::cli {
@@ -190,8 +191,9 @@ CommandRun DefinePs(CLI::App& command, const CommonOptions& common) {
             char line[64];
             std::snprintf(line, sizeof line, "%8.0f  %-7s  ", Number(p, "pid"),
                           cJSON_GetObjectItemCaseSensitive(p, "verdict")->valuestring);
-            std::cout << line << cJSON_GetObjectItemCaseSensitive(p, "user")->valuestring << "  "
-                      << cJSON_GetObjectItemCaseSensitive(p, "program")->valuestring << "\n";
+            // Program paths are whatever their owners named them.
+            std::cout << line << host::Printable(cJSON_GetObjectItemCaseSensitive(p, "user")->valuestring) << "  "
+                      << host::Printable(cJSON_GetObjectItemCaseSensitive(p, "program")->valuestring) << "\n";
         }
         return int(kExitOk);
     };

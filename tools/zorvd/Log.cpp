@@ -39,7 +39,10 @@ const char* Name(Level level) {
     }
 }
 
-void Emit(Level level, const std::string& line) {
+// Lines name files and programs anyone may have named: escaped, a name
+// cannot end a line early and pass what follows for a line of the daemon's.
+void Emit(Level level, const std::string& raw) {
+    const std::string line = zorv::host::Printable(raw);
     if (g_sink == Sink::Journal) {
         sd_journal_print(Priority(level), "%s", line.c_str());
         return;

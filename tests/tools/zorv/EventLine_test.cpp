@@ -71,6 +71,8 @@ TEST(EventLine, LinesAreReadOrRefusedByName) {
         {R"({"type":1,"names":"x"})", "unknown field \"names\""},
         {R"({"type":1,"":"x"})", "unknown field \"\""},
         {R"({"type":1,"Name":"x"})", "unknown field \"Name\""},
+        // The key is the line's own text: the error names it escaped, on one line.
+        {R"({"type":1,"a\nb\u001b[31m":"x"})", "unknown field \"a\\nb\\x1b[31m\""},
         {R"({"type":1,"pid":-1})", "\"pid\": expected an unsigned integer"},
         {R"({"type":1,"isExec":256})", "\"isExec\": expected true, false or 0..255"},
         {R"({"type":1,"name":7})", "\"name\": expected a string"},

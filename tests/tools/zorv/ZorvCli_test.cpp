@@ -152,8 +152,13 @@ TEST_F(ZorvCli, BadInputIsNamedAndLeavesTheStoreAlone) {
               "{\"type\":\"start\",\"pid\":1}\n"
               "{\"type\":23,\"sha256\":\"abc\"}\n"
               "{\"type\":23,\"name\":\"\xC3\x28\"}\n"
-              "not json at all\n")
+              "not json at all\n"
+              "{\"type\":23,\"x\\n\\u001b[2J\":1}\n")
             .string();
+    // A name anyone may choose: it must not break the message's line nor
+    // reach the terminal as a control sequence.
+    const std::string hostile = (m_dir / "evil\n\x1b[2Jname").string();
+    const std::string hostileShown = (m_dir / "evil\\n\\x1b[2Jname").string();
     const std::string before = StoreBytes();
     struct Case {
         std::vector<std::string> args;
@@ -172,6 +177,8 @@ TEST_F(ZorvCli, BadInputIsNamedAndLeavesTheStoreAlone) {
         {{"replay", badEvents}, badEvents + ":3", "\"sha256\": expected 64 hex digits"},
         {{"replay", badEvents}, badEvents + ":4", "\"name\": not valid UTF-8"},
         {{"replay", badEvents}, badEvents + ":5", "not valid JSON"},
+        {{"replay", badEvents}, badEvents + ":6", "unknown field \"x\\n\\x1b[2J\""},
+        {{"check", hostile}, hostileShown, ""},
         {{"import", notArray, "--name", "x"}, notArray, "not a JSON object"},
         {{"metrics", "--log", missingLog}, missingLog, "cannot open the log file"},
         {{"export", "--out", missingLog}, missingLog, "cannot write"},

@@ -281,6 +281,19 @@ TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
     EXPECT_NE(metrics.find("\"RunAllowedLogOnly\":1"), std::string::npos) << metrics;
 }
 
+// A program's name is anyone's choice: a line feed in it must not end the
+// denial's line and let the rest pass for a line of the daemon's own.
+TEST_F(Zorvd, ADenialOfAProgramNamedWithALineFeedIsOneLine) {
+    const fs::path forged = Copy("/usr/bin/true", "x\nzorvd info: allow exec \x1b[2J");
+    StartDaemon("enforce");
+    EXPECT_EQ(RunProgram({forged}), 126);
+    const std::string shown = (m_mount / "x\\nzorvd info: allow exec \\x1b[2J").string();
+    EXPECT_TRUE(Eventually([&] { return LogText().find("deny exec " + shown) != std::string::npos; })) << LogText();
+    for (size_t at = 0; (at = LogText().find('\n', at)) != std::string::npos; ++at)
+        EXPECT_NE(LogText().compare(at + 1, 18, "zorvd info: allow "), 0) << LogText();
+    EXPECT_EQ(LogText().find('\x1b'), std::string::npos) << LogText();
+}
+
 TEST_F(Zorvd, DenialsNameTheUserAndGroupTheProgramRanAs) {
     const fs::path unknown = Copy("/usr/bin/true", "unknown");
     chmod(m_root.c_str(), 0755);  // so that another user reaches the mount
