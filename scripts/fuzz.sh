@@ -4,7 +4,7 @@
 # fuzz/corpus, then replays those corpora through a coverage build
 # (build-fuzz-cov) and prints the engine's line coverage.
 # Usage: scripts/fuzz.sh [seconds per target, default 300] [target ...]
-#   targets: RulesetImport Event StoreItem (default: all)
+#   targets: RulesetImport Event StoreItem EventLine (default: all)
 #   0 seconds only replays the corpora for the coverage report.
 # ZORV_FUZZ_COVERAGE=0 skips the coverage build and report.
 set -euo pipefail
@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 seconds="${1:-300}"
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(RulesetImport Event StoreItem)
+[ ${#targets[@]} -gt 0 ] || targets=(RulesetImport Event StoreItem EventLine)
 coverage="${ZORV_FUZZ_COVERAGE:-1}"
 
 scripts/deps.sh clang libclang-rt-14-dev llvm
@@ -68,9 +68,9 @@ if [ "$coverage" != 0 ]; then
     objects+=(-object "$binary")
   done
   llvm-profdata merge -sparse build-fuzz-cov/*.profraw -o build-fuzz-cov/fuzz.profdata
-  echo "== Line coverage of the engine (src/zorv) by the corpora of: ${targets[*]}"
+  echo "== Line coverage of the engine (src/zorv) and the hosts' shared code (tools/host) by the corpora of: ${targets[*]}"
   llvm-cov report "${objects[@]:1}" -instr-profile=build-fuzz-cov/fuzz.profdata \
-    -ignore-filename-regex='(^/usr/|fuzz/)' "$PWD/src/zorv" | sed 's|'"$PWD"'/||'
+    -ignore-filename-regex='(^/usr/|fuzz/)' "$PWD/src/zorv" "$PWD/tools/host" | sed 's|'"$PWD"'/||'
 fi
 
 if [ ${#failed[@]} -gt 0 ]; then
