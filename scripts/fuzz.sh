@@ -68,7 +68,7 @@ if [ "$coverage" != 0 ]; then
     objects+=(-object "$binary")
   done
   llvm-profdata merge -sparse build-fuzz-cov/*.profraw -o build-fuzz-cov/fuzz.profdata
-  echo "== Line coverage of the engine (src/zorv) and the hosts' shared code (tools/host) by the corpora of: ${targets[*]}"
+  echo "== Line coverage of the engine (src/zorv) and the hosts' code (tools/host), corpora of: ${targets[*]}"
   llvm-cov report "${objects[@]:1}" -instr-profile=build-fuzz-cov/fuzz.profdata \
     -ignore-filename-regex='(^/usr/|fuzz/)' "$PWD/src/zorv" "$PWD/tools/host" | sed 's|'"$PWD"'/||'
 fi

@@ -139,7 +139,8 @@ bool RenderMetricsTables(const std::string& json, std::string& out, std::string&
     Rows counters;
     for (const cJSON* item = metrics->child; item != nullptr; item = item->next) {
         if (item->string == std::string_view("ACVersion")) continue;
-        if (!cJSON_IsObject(item) && !cJSON_IsArray(item)) counters.emplace_back(Printable(item->string), ScalarText(item));
+        if (!cJSON_IsObject(item) && !cJSON_IsArray(item))
+            counters.emplace_back(Printable(item->string), ScalarText(item));
     }
     AppendRows(out, "Counters", counters);
     // People look for the store first, then the cache, then the rest in the

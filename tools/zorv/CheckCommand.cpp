@@ -249,8 +249,8 @@ CommandRun DefineCheck(CLI::App& command, const CommonOptions& common) {
                 std::cout << out << "\n";
             } else if (Speak(common)) {
                 std::cout << (blocked ? "BLOCK " : result.action == AC_DECISION_ALLOW ? "ALLOW " : "OTHER ")
-                          << host::Printable(host::PathToUtf8(target.path)) << "\n    decision " << host::DecisionName(result.action)
-                          << ", reason " << host::ReasonName(result.isAuthorized) << ", source "
+                          << host::Printable(host::PathToUtf8(target.path)) << "\n    decision "
+                          << host::DecisionName(result.action) << ", reason " << host::ReasonName(result.isAuthorized) << ", source "
                           << host::SourceName(result.source) << ", inventory " << host::VerdictName(result.dbVerdict)
                           << ", ruleset " << (known ? (ruleset.empty() ? "(none)" : host::Printable(ruleset)) : "-")
                           << (trustRuleId ? ", trust rule " + std::to_string(*trustRuleId) : std::string())
