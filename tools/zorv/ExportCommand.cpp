@@ -47,6 +47,12 @@ std::string CsvField(const cJSON* item) {
         for (const cJSON* entry = item->child; entry != nullptr; entry = entry->next)
             if (cJSON_IsString(entry)) text += (text.empty() ? "" : ";") + std::string(entry->valuestring);
     }
+    // A spreadsheet takes a cell that starts like a formula for one, and a
+    // file name is anyone's choice: such a text starts with a quote, which the
+    // spreadsheet shows as text and hides.
+    if ((cJSON_IsString(item) || cJSON_IsArray(item)) && !text.empty() &&
+        std::string_view("=+-@\t\r").find(text.front()) != std::string_view::npos)
+        text.insert(text.begin(), '\'');
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
     std::string quoted = "\"";
     for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);

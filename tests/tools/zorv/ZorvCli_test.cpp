@@ -444,7 +444,8 @@ TEST_F(ZorvCli, ImportReportsCountsAndExportPagesThemOut) {
     EXPECT_EQ(Number(cJSON_GetObjectItemCaseSensitive(counts.get(), "after"), "executionRules"), 3);
 
     const std::string trust = Write("trust.json", "{\"Trustrules\":[{\"paths\":\"/opt/a, b/*\",\"trustType\":2},"
-                                                   "{\"processName\":\"/usr/bin/apt\",\"trustType\":1}]}")
+                                                   "{\"processName\":\"/usr/bin/apt\",\"trustType\":1},"
+                                                   "{\"paths\":\"=HYPERLINK(\\\"http://x\\\")\",\"trustType\":2}]}")
                                   .string();
     ASSERT_EQ(Zorv({"import", trust, "--name", "site-trustrules"}).status, 0);
     struct Case {
@@ -454,8 +455,8 @@ TEST_F(ZorvCli, ImportReportsCountsAndExportPagesThemOut) {
     const std::vector<Case> cases = {
         {"executionRules", "csv", "inventoryItemId,fileName,", "", 3},
         {"executionRules", "jsonl", "", "inventoryItemId", 3},
-        {"trust", "csv", "trustRuleId,paths,", "", 2},
-        {"trust", "jsonl", "", "trustRuleId", 2},
+        {"trust", "csv", "trustRuleId,paths,", "", 3},
+        {"trust", "jsonl", "", "trustRuleId", 3},
     };
     for (const Case& test : cases) {
         const Outcome exported = Zorv({"export", "--source", test.source, "--format", test.format});
@@ -473,8 +474,12 @@ TEST_F(ZorvCli, ImportReportsCountsAndExportPagesThemOut) {
             EXPECT_GT(Number(parsed.get(), test.idKey.c_str()), 0) << row;
         }
     }
-    // A field holding the separator is quoted.
-    EXPECT_NE(Zorv({"export", "--source", "trust", "--format", "csv"}).out.find("\"/opt/a, b/*\""), std::string::npos);
+    // A field holding the separator is quoted; one a spreadsheet would take
+    // for a formula starts with a quote. JSON lines keep the text as it is.
+    const std::string csv = Zorv({"export", "--source", "trust", "--format", "csv"}).out;
+    EXPECT_NE(csv.find(",\"/opt/a, b/*\","), std::string::npos) << csv;
+    EXPECT_NE(csv.find(",\"'=HYPERLINK(\"\"http://x\"\")\","), std::string::npos) << csv;
+    EXPECT_NE(Zorv({"export", "--source", "trust"}).out.find("\"=HYPERLINK(\\\"http://x\\\")\""), std::string::npos);
 
     const fs::path out = m_dir / "all.jsonl";
     ASSERT_EQ(Zorv({"export", "--out", out.string(), "--after", "1"}).status, 0);
