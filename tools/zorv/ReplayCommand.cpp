@@ -12,6 +12,7 @@
 #include <deque>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -226,34 +227,55 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
 // as it arrives rather than a block later. A block is small enough to stay in
 // the processor's first-level cache from the read to the parse: with 1 MiB
 // blocks, copying the file in was a tenth of a replay.
+// A line longer than this is refused by its number and skipped without being
+// held: an event line is a few kilobytes (a command line at most a few
+// megabytes), and a file whose line never ends must not take the machine's
+// memory.
+constexpr size_t kMaxLineBytes = 16 << 20;
+
 class LineReader {
 public:
-    LineReader(std::istream& in, bool pipe) : m_in(in), m_pipe(pipe), m_buffer(pipe ? 0 : 32 << 10) {}
+    enum class Got { kLine, kTooLong, kEnd };
 
-    // The next line without its '\n'; false after the last. Valid until the
-    // next call.
-    bool Next(std::string_view& line) {
-        if (m_pipe) {
-            if (!std::getline(m_in, m_line)) return false;
-            line = m_line;
-            return true;
-        }
+    LineReader(std::istream& in, bool pipe) : m_in(in), m_pipe(pipe), m_buffer(pipe ? 64 << 10 : 32 << 10) {}
+
+    // The next line without its '\n', valid until the next call; or that it
+    // was longer than kMaxLineBytes (and has been passed over); or the end.
+    Got Next(std::string_view& line) {
+        if (m_pipe) return NextFromPipe(line);
         for (;;) {
             const char* begin = m_buffer.data() + m_start;
             const size_t held = m_end - m_start;
             if (const void* newline = std::memchr(begin, '\n', held); newline != nullptr) {
-                line = std::string_view(begin, static_cast<size_t>(static_cast<const char*>(newline) - begin));
-                m_start += line.size() + 1;
-                return true;
+                const size_t length = static_cast<size_t>(static_cast<const char*>(newline) - begin);
+                m_start += length + 1;
+                if (m_skipping || length > kMaxLineBytes) {
+                    m_skipping = false;
+                    return Got::kTooLong;
+                }
+                line = std::string_view(begin, length);
+                return Got::kLine;
             }
             if (m_ended) {
-                if (held == 0) return false;
-                line = std::string_view(begin, held);
                 m_start = m_end;
-                return true;
+                if (m_skipping || held > kMaxLineBytes) {
+                    m_skipping = false;
+                    return Got::kTooLong;
+                }
+                if (held == 0) return Got::kEnd;
+                line = std::string_view(begin, held);
+                return Got::kLine;
+            }
+            if (held > kMaxLineBytes) {
+                // Too long already: what is held goes, and so does the rest
+                // of the line as it comes.
+                m_skipping = true;
+                m_start = m_end;
+                continue;
             }
             // The partial line moves to the front and the rest is filled; a
-            // line longer than the buffer doubles it.
+            // line longer than the buffer doubles it, up to about twice the
+            // longest line read.
             std::memmove(m_buffer.data(), begin, held);
             m_start = 0;
             m_end = held;
@@ -265,12 +287,40 @@ public:
     }
 
 private:
+    // Line by line, a piece at a time: a producer writing as it goes is read
+    // as it goes, where a block read would wait for the block to fill.
+    Got NextFromPipe(std::string_view& line) {
+        m_line.clear();
+        bool tooLong = false, any = false;
+        for (;;) {
+            m_in.getline(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+            const auto got = static_cast<size_t>(m_in.gcount());
+            any = any || got > 0;
+            // The piece filled with the line still going on, or the line
+            // ended: at its '\n' (counted in `got`) or at the stream's end.
+            const bool goesOn = m_in.fail() && !m_in.eof() && !m_in.bad() && got == m_buffer.size() - 1;
+            const size_t stored = goesOn || m_in.eof() ? got : (got > 0 ? got - 1 : 0);
+            if (goesOn) m_in.clear();
+            if (!tooLong && m_line.size() + stored > kMaxLineBytes) {
+                tooLong = true;
+                std::string().swap(m_line);
+            }
+            if (!tooLong) m_line.append(m_buffer.data(), stored);
+            if (!goesOn) break;
+        }
+        if (!any) return Got::kEnd;
+        if (tooLong) return Got::kTooLong;
+        line = m_line;
+        return Got::kLine;
+    }
+
     std::istream& m_in;
     const bool m_pipe;
     std::string m_line;  // a pipe's line
     std::vector<char> m_buffer;
     size_t m_start = 0, m_end = 0;  // the unread part of m_buffer
     bool m_ended = false;           // the stream has nothing more
+    bool m_skipping = false;        // inside a line already refused as too long
 };
 
 RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads, bool strict,
@@ -295,8 +345,17 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
     uint64_t number = 0;
     // Parsed here, in this thread's cache, then packed into a batch.
     host::EventRecord record;
-    while (lines.Next(line)) {
+    for (LineReader::Got got; (got = lines.Next(line)) != LineReader::Got::kEnd;) {
         ++number;
+        if (got == LineReader::Got::kTooLong) {
+            ++run.badLines;
+            PrintError(shown + ":" + std::to_string(number), "longer than 16 MiB");
+            if (strict) {
+                run.stopped = true;
+                break;
+            }
+            continue;
+        }
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         if (line.find_first_not_of(" \t") == std::string_view::npos) continue;
         if (!host::ParseEventLine(line, record, error)) {

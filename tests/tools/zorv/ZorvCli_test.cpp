@@ -50,11 +50,13 @@ protected:
         fs::remove_all(m_dir, ignored);
     }
 
-    // Runs zorv with `args` (each quoted), standard output and error to files.
-    Outcome Zorv(const std::vector<std::string>& args, bool withDb = true) {
+    // Runs zorv with `args` (each quoted), standard output and error to files,
+    // standard input from `input` when one is named.
+    Outcome Zorv(const std::vector<std::string>& args, bool withDb = true, const std::string& input = "") {
         std::string command = "\"" + std::string(ZORV_CLI_FILE) + "\"";
         for (const std::string& arg : args) command += " \"" + arg + "\"";
         if (withDb) command += " --db \"" + m_db + "\"";
+        if (!input.empty()) command += " < \"" + input + "\"";
         const fs::path out = m_dir / "stdout.txt", err = m_dir / "stderr.txt";
         command += " > \"" + out.string() + "\" 2> \"" + err.string() + "\"";
 #if defined(_WIN32)
@@ -265,6 +267,29 @@ TEST_F(ZorvCli, ReplayReadsEveryLineAcrossItsReadBlocks) {
     for (const std::string& line : Lines(Slurp(decisions))) decided.insert(Number(Parse(line).get(), "line"));
     EXPECT_EQ(decided.size(), lines);
     EXPECT_EQ(decided.empty() ? 0 : *decided.rbegin(), static_cast<double>(lines));
+}
+
+// A line that never ends is refused by its number, never held whole; the
+// lines after it are read all the same, from a file and from a pipe.
+TEST_F(ZorvCli, ReplayRefusesALineLongerThan16MiBAndReadsOn) {
+    const std::string event = "{\"type\":0,\"pid\":1,\"name\":\"/bin/x\"}";
+    const std::string longest = "{\"type\":0,\"pid\":2,\"cmdLine\":\"" + std::string((16u << 20) - 40, 'c') + "\"}";
+    ASSERT_LE(longest.size(), 16u << 20);
+    const std::string events = Write("events.jsonl", event + "\n" + longest + "\n" + event +
+                                                         std::string((16u << 20) + 1, ' ') + "\r\n" + event + "\n" +
+                                                         event + std::string((16u << 20) + 1, ' '))
+                                   .string();
+    for (const bool pipe : {false, true}) {
+        const Outcome outcome = pipe ? Zorv({"replay", "-", "--json"}, true, events) : Zorv({"replay", events, "--json"});
+        EXPECT_EQ(outcome.status, 3) << outcome.err;
+        const std::string shown = pipe ? "-" : events;
+        EXPECT_EQ(Lines(outcome.err).size(), 2u) << outcome.err;
+        EXPECT_NE(outcome.err.find(shown + ":3: longer than 16 MiB"), std::string::npos) << outcome.err;
+        EXPECT_NE(outcome.err.find(shown + ":5: longer than 16 MiB"), std::string::npos) << outcome.err;
+        Json summary = Parse(outcome.out);
+        EXPECT_EQ(Number(summary.get(), "events"), 3) << pipe << " " << outcome.out;
+        EXPECT_EQ(Number(summary.get(), "badLines"), 2) << pipe << " " << outcome.out;
+    }
 }
 
 TEST_F(ZorvCli, DbCheckFindsADamagedStore) {
