@@ -9,7 +9,6 @@
 #include <cjson/cJSON.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -23,14 +22,16 @@ namespace {
 
 using host::EventRecord;
 
-struct JsonDeleter {
-    void operator()(cJSON* item) const { cJSON_Delete(item); }
-};
+// Hex as the writer spells it, to compare without the reader's own decoder.
+std::string LowerHex(std::string text) {
+    for (char& c : text) c = c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
+    return text;
+}
 
 void CheckAgainstCjson(std::string_view line, const AppCtlEvent& event) {
     const std::string copy(line);
     const char* end = nullptr;
-    std::unique_ptr<cJSON, JsonDeleter> root(cJSON_ParseWithLengthOpts(copy.c_str(), copy.size(), &end, false));
+    const Json root(cJSON_ParseWithLengthOpts(copy.c_str(), copy.size(), &end, false));
     ZORV_FUZZ_CHECK(root != nullptr && cJSON_IsObject(root.get()), "read a line cJSON refuses: %s",
                     host::Printable(copy).c_str());
     ZORV_FUZZ_CHECK(copy.find_first_not_of(" \t\r\n", static_cast<size_t>(end - copy.c_str())) == std::string::npos,
@@ -64,12 +65,7 @@ void CheckAgainstCjson(std::string_view line, const AppCtlEvent& event) {
         for (const host::DigestField& field : host::kDigestFields)
             if (name == field.name)
                 ZORV_FUZZ_CHECK(cJSON_IsString(member) && event.*(field.member) != nullptr &&
-                                    host::ToHex(event.*(field.member), field.length) ==
-                                        [&] {
-                                            std::string lower = member->valuestring;
-                                            for (char& c : lower) c = c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c;
-                                            return lower;
-                                        }(),
+                                    host::ToHex(event.*(field.member), field.length) == LowerHex(member->valuestring),
                                 "%s differs in %s", field.name, host::Printable(copy).c_str());
     }
 }

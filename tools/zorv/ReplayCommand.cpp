@@ -220,6 +220,12 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
     writer.Write(text);
 }
 
+// A line longer than this is refused by its number and skipped without being
+// held: an event line is a few kilobytes (a command line at most a few
+// megabytes), and a file whose line never ends must not take the machine's
+// memory.
+constexpr size_t kMaxLineBytes = 16 << 20;
+
 // The lines of a stream, read a block at a time and handed out in place:
 // std::getline moves every line through the stream buffer and into a string
 // of its own, a large share of a replay's reading.
@@ -227,12 +233,6 @@ void Work(BatchQueue& queue, BatchQueue& spent, DecisionWriter& writer, bool kee
 // as it arrives rather than a block later. A block is small enough to stay in
 // the processor's first-level cache from the read to the parse: with 1 MiB
 // blocks, copying the file in was a tenth of a replay.
-// A line longer than this is refused by its number and skipped without being
-// held: an event line is a few kilobytes (a command line at most a few
-// megabytes), and a file whose line never ends must not take the machine's
-// memory.
-constexpr size_t kMaxLineBytes = 16 << 20;
-
 class LineReader {
 public:
     enum class Got { kLine, kTooLong, kEnd };
@@ -345,26 +345,23 @@ RunResult RunStream(std::istream& in, const std::string& shown, unsigned threads
     uint64_t number = 0;
     // Parsed here, in this thread's cache, then packed into a batch.
     host::EventRecord record;
+    // A bad line is named and skipped; true when it ends the run (--strict).
+    const auto refuse = [&](const std::string& reason) {
+        ++run.badLines;
+        PrintError(shown + ":" + std::to_string(number), reason);
+        if (strict) run.stopped = true;
+        return strict;
+    };
     for (LineReader::Got got; (got = lines.Next(line)) != LineReader::Got::kEnd;) {
         ++number;
         if (got == LineReader::Got::kTooLong) {
-            ++run.badLines;
-            PrintError(shown + ":" + std::to_string(number), "longer than 16 MiB");
-            if (strict) {
-                run.stopped = true;
-                break;
-            }
+            if (refuse("longer than 16 MiB")) break;
             continue;
         }
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         if (line.find_first_not_of(" \t") == std::string_view::npos) continue;
         if (!host::ParseEventLine(line, record, error)) {
-            ++run.badLines;
-            PrintError(shown + ":" + std::to_string(number), error);
-            if (strict) {
-                run.stopped = true;
-                break;
-            }
+            if (refuse(error)) break;
             continue;
         }
         ++run.events;
