@@ -12,7 +12,7 @@
 //                     "delete":..,"rename":..},
 //           "events_per_second":{...same kinds, over the uptime...},
 //           "allowed":..,"denied":..,"deadline_answers":..,"overflow_answers":..,
-//           "error_answers":..,"queue_depth":..,
+//           "error_answers":..,"queue_depth":..,"log_lines_dropped":..,
 //           "latency_us":{"p50":..,"p90":..,"p99":..,"p999":..,"max":..}}
 //   {"command":"metrics"}
 //       -> {"ok":true,"metrics":{...the engine's metrics document...},"daemon":{...status...}}

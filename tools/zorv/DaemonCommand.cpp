@@ -122,9 +122,11 @@ CommandRun DefineStatus(CLI::App& command, const CommonOptions& common) {
         char line[256];
         std::snprintf(line, sizeof line,
                       "answers      allowed %.0f, denied %.0f, at the deadline %.0f, on overflow %.0f, on error %.0f\n"
-                      "queue depth  %.0f\n",
+                      "queue depth  %.0f\n"
+                      "log          %.0f lines dropped\n",
                       Number(s, "allowed"), Number(s, "denied"), Number(s, "deadline_answers"),
-                      Number(s, "overflow_answers"), Number(s, "error_answers"), Number(s, "queue_depth"));
+                      Number(s, "overflow_answers"), Number(s, "error_answers"), Number(s, "queue_depth"),
+                      Number(s, "log_lines_dropped"));
         std::cout << line;
         const cJSON* latency = cJSON_GetObjectItemCaseSensitive(s, "latency_us");
         std::snprintf(line, sizeof line, "latency µs   p50 %.0f  p90 %.0f  p99 %.0f  p99.9 %.0f  max %.0f\n",

@@ -1468,6 +1468,7 @@ std::string Daemon::StatusJson() {
     out << "},\"allowed\":" << c.allowed << ",\"denied\":" << c.denied << ",\"deadline_answers\":" << c.deadline
         << ",\"overflow_answers\":" << c.overflow << ",\"error_answers\":" << c.error
         << ",\"kernel_overflows\":" << c.kernelOverflow << ",\"own_accesses\":" << c.ownAccess
+        << ",\"log_lines_dropped\":" << LogLinesDropped()
         << ",\"allow_cache_answers\":" << c.allowCacheAnswers << ",\"queue_depth\":" << m_jobs.Depth()
         << ",\"digest_cache_entries\":" << m_digests.Size()
         << ",\"latency_us\":{\"p50\":" << m_latency.Percentile(0.5) << ",\"p90\":" << m_latency.Percentile(0.9)

@@ -2,23 +2,68 @@
 
 #include "HostText.h"
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <memory>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 #include <systemd/sd-journal.h>
 
 namespace zorvd {
 namespace {
 
+// A line waits at most behind this much: enough for a burst of the engine's
+// trace lines, little beside the daemon's memory.
+constexpr size_t kQueuedLines = 8192, kQueuedBytes = 2 << 20;
+
 enum class Sink { Journal, Stderr, File };
-Sink g_sink = Sink::Stderr;
-FILE* g_file = nullptr;
-std::mutex g_fileMutex;
+
+// An open log file, closed when the last batch writing to it is done.
+struct LogFile {
+    explicit LogFile(int fd) : fd(fd) {}
+    ~LogFile() { close(fd); }
+    LogFile(const LogFile&) = delete;
+    LogFile& operator=(const LogFile&) = delete;
+    const int fd;
+};
+
+// Lines wait here for the one thread that writes them. A thread that answers
+// the kernel only queues its line: the journal, a pipe nobody reads or a disk
+// that stopped answering holds up that writer alone, never an answer, and a
+// line that finds the queue full is counted and dropped rather than waited
+// for. Written with write(2), not stdio, so that a writer stuck in a write
+// holds no lock the rest of the process (or its exit) could need.
+struct Writer {
+    std::mutex mutex;
+    std::condition_variable ready, idle;
+    std::deque<std::pair<Level, std::string>> lines;
+    size_t bytes = 0;
+    uint64_t droppedSinceNotice = 0;
+    bool busy = false;
+    Sink sink = Sink::Stderr;
+    std::shared_ptr<const LogFile> file;
+};
+
+// Never destroyed: at exit the writing thread may still be inside a write
+// that will not return.
+Writer& TheWriter() {
+    static Writer* const writer = new Writer;
+    return *writer;
+}
+
+std::atomic<uint64_t> g_dropped{0};
 std::atomic<bool> g_manifestWanted{false};
 
 int Priority(Level level) {
@@ -39,42 +84,101 @@ const char* Name(Level level) {
     }
 }
 
-// Lines name files and programs anyone may have named: escaped, a name
-// cannot end a line early and pass what follows for a line of the daemon's.
-void Emit(Level level, const std::string& raw) {
-    const std::string line = zorv::host::Printable(raw);
-    if (g_sink == Sink::Journal) {
+void WriteAll(int fd, const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) return;  // a sink that refuses the line loses it, nothing more
+        done += static_cast<size_t>(wrote);
+    }
+}
+
+void WriteLine(Sink sink, const LogFile* file, Level level, const std::string& line) {
+    if (sink == Sink::Journal) {
         sd_journal_print(Priority(level), "%s", line.c_str());
         return;
     }
-    std::lock_guard<std::mutex> hold(g_fileMutex);
-    FILE* out = g_sink == Sink::File ? g_file : stderr;
-    std::fprintf(out, "zorvd %s: %s\n", Name(level), line.c_str());
-    std::fflush(out);
+    WriteAll(sink == Sink::File && file != nullptr ? file->fd : STDERR_FILENO,
+             std::string("zorvd ") + Name(level) + ": " + line + "\n");
+}
+
+void WriterLoop() {
+    pthread_setname_np(pthread_self(), "zorvd-log");
+    Writer& writer = TheWriter();
+    std::unique_lock<std::mutex> hold(writer.mutex);
+    for (;;) {
+        writer.ready.wait(hold, [&] { return !writer.lines.empty() || writer.droppedSinceNotice != 0; });
+        std::deque<std::pair<Level, std::string>> batch;
+        batch.swap(writer.lines);
+        writer.bytes = 0;
+        const uint64_t dropped = std::exchange(writer.droppedSinceNotice, 0);
+        const Sink sink = writer.sink;
+        std::shared_ptr<const LogFile> file = writer.file;
+        writer.busy = true;
+        hold.unlock();
+        for (const auto& [level, line] : batch) WriteLine(sink, file.get(), level, line);
+        if (dropped != 0)
+            WriteLine(sink, file.get(), Level::Warning,
+                      std::to_string(dropped) + " log lines dropped: the log could not keep up");
+        batch.clear();
+        file.reset();
+        hold.lock();
+        writer.busy = false;
+        if (writer.lines.empty() && writer.droppedSinceNotice == 0) writer.idle.notify_all();
+    }
+}
+
+// Lines name files and programs anyone may have named: escaped, a name
+// cannot end a line early and pass what follows for a line of the daemon's.
+void Emit(Level level, const std::string& raw) {
+    static std::once_flag started;
+    std::call_once(started, [] { std::thread(WriterLoop).detach(); });
+    std::string line = zorv::host::Printable(raw);
+    Writer& writer = TheWriter();
+    {
+        std::lock_guard<std::mutex> hold(writer.mutex);
+        if (writer.lines.size() >= kQueuedLines || writer.bytes + line.size() > kQueuedBytes) {
+            ++writer.droppedSinceNotice;
+            g_dropped.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            writer.bytes += line.size();
+            writer.lines.emplace_back(level, std::move(line));
+        }
+    }
+    writer.ready.notify_one();
 }
 
 }  // namespace
 
 bool OpenLog(const std::string& target, std::string& error) {
-    if (target == "journal") {
-        g_sink = Sink::Journal;
+    Writer& writer = TheWriter();
+    if (target == "journal" || target == "stderr") {
+        std::lock_guard<std::mutex> hold(writer.mutex);
+        writer.sink = target == "journal" ? Sink::Journal : Sink::Stderr;
+        writer.file.reset();
         return true;
     }
-    if (target == "stderr") {
-        g_sink = Sink::Stderr;
-        return true;
-    }
-    FILE* file = std::fopen(target.c_str(), "ae");
-    if (file == nullptr) {
+    const int fd = open(target.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    if (fd < 0) {
         error = target + ": " + std::strerror(errno);
         return false;
     }
-    std::lock_guard<std::mutex> hold(g_fileMutex);
-    if (g_file != nullptr) std::fclose(g_file);
-    g_file = file;
-    g_sink = Sink::File;
+    auto file = std::make_shared<const LogFile>(fd);
+    std::lock_guard<std::mutex> hold(writer.mutex);
+    writer.file = std::move(file);
+    writer.sink = Sink::File;
     return true;
 }
+
+bool FlushLog(std::chrono::milliseconds limit) {
+    Writer& writer = TheWriter();
+    std::unique_lock<std::mutex> hold(writer.mutex);
+    return writer.idle.wait_for(hold, limit, [&] {
+        return writer.lines.empty() && writer.droppedSinceNotice == 0 && !writer.busy;
+    });
+}
+
+uint64_t LogLinesDropped() { return g_dropped.load(std::memory_order_relaxed); }
 
 void Log(Level level, const char* format, ...) {
     char buffer[2048];

@@ -56,6 +56,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "zorvd: must run as root (fanotify permission events)\n");
         return 1;
     }
-    zorvd::Daemon daemon(config, configPath);
-    return daemon.Run();
+    int status;
+    {
+        zorvd::Daemon daemon(config, configPath);
+        status = daemon.Run();
+    }
+    zorvd::FlushLog(std::chrono::seconds(2));
+    return status;
 }

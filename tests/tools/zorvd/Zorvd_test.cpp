@@ -3,6 +3,7 @@
 // the reason otherwise. Nothing but the test's mount is ever marked.
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/fanotify.h>
@@ -125,6 +126,11 @@ protected:
         if (m_daemon == 0) {
             for (const std::string& setting : env) putenv(const_cast<char*>(setting.c_str()));
             const std::string config = (m_root / "zorvd.toml").string();
+            if (m_daemonStderr >= 0) {
+                dup2(m_daemonStderr, 2);
+                execl(ZORVD_PROGRAM, ZORVD_PROGRAM, "--config", config.c_str(), "--foreground",
+                      static_cast<char*>(nullptr));
+            }
             execl(ZORVD_PROGRAM, ZORVD_PROGRAM, "--config", config.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
@@ -266,6 +272,7 @@ protected:
     fs::path m_root, m_mount;
     bool m_mounted = false;
     pid_t m_daemon = -1;
+    int m_daemonStderr = -1;  // when set, the daemon logs there (--foreground)
 };
 
 TEST_F(Zorvd, UnknownProgramDeniedUnderEnforceAllowedAndCountedUnderLogOnly) {
@@ -595,6 +602,46 @@ TEST_F(Zorvd, PsListsARunningProgramTheNewRulesNoLongerAllow) {
     EXPECT_EQ(waitpid(running, nullptr, WNOHANG), 0) << "ps must not touch the process";
     kill(running, SIGKILL);
     waitpid(running, nullptr, 0);
+}
+
+// A log that stops taking lines (a journal, terminal or pipe that nobody
+// reads) holds up no answer: programs are decided as before, lines the log
+// cannot take are counted and dropped, and once it drains it says how many.
+TEST_F(Zorvd, ALogThatStallsHoldsUpNoAnswer) {
+    const fs::path known = Copy("/usr/bin/true", "known");
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    std::ofstream(unknown, std::ios::binary | std::ios::app) << '\n';
+    int log[2];
+    ASSERT_EQ(pipe2(log, O_CLOEXEC), 0);
+    fcntl(log[1], F_SETPIPE_SZ, 4096);  // full after a few lines
+    m_daemonStderr = log[1];
+    StartDaemon("enforce", "deadline_ms = 3000\non_deadline = \"allow\"\nlog_level = \"trace\"\n");
+    close(log[1]);
+    Inventory({{known, "/usr/bin/true"}});
+    // Each run logs a denial and the engine's trace lines: enough, within
+    // the bound, to fill the daemon's queue behind the stalled pipe.
+    int runs = 0;
+    for (; runs < 2000 && StatusNumber("log_lines_dropped") <= 0; ++runs) {
+        ASSERT_EQ(RunProgram({unknown}, 2000), 126) << "run " << runs;
+        ASSERT_EQ(RunProgram({known}, 2000), 0) << "run " << runs;
+    }
+    EXPECT_GT(StatusNumber("log_lines_dropped"), 0) << runs << " runs";
+    EXPECT_EQ(StatusNumber("deadline_answers"), 0);
+    // Read again, the log catches up and names what it lost.
+    std::string text;
+    const auto until = Clock::now() + std::chrono::seconds(10);
+    while (text.find("log lines dropped: the log could not keep up") == std::string::npos && Clock::now() < until) {
+        struct pollfd ready = {log[0], POLLIN, 0};
+        char chunk[65536];
+        if (poll(&ready, 1, 100) <= 0) continue;
+        const ssize_t got = read(log[0], chunk, sizeof chunk);
+        if (got <= 0) break;
+        text.append(chunk, static_cast<size_t>(got));
+        if (text.size() > (1u << 20)) text.erase(0, text.size() - 4096);  // keeps the tail
+    }
+    EXPECT_NE(text.find("log lines dropped: the log could not keep up"), std::string::npos);
+    close(log[0]);
+    EXPECT_TRUE(StopDaemon(SIGTERM, 5000));
 }
 
 // One worker held up by a slow engine and a queue of one: further execs are
