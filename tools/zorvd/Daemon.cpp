@@ -1062,6 +1062,7 @@ void Daemon::Decide(Job& job) {
     }
     texts.Attach(record);
     if (m_stallMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_stallMs));
+    if (m_engineErrors) record.isExec = 0;  // a start of a non-executable: the engine answers AC_E_FAILED
     AppCtlResult result{};
     const uint32_t status2 = app_ctl(nullptr, &record, &result);
     bool allow = true;
@@ -1661,6 +1662,7 @@ int Daemon::Run() {
     m_startNs = NowNs();
     m_deadlineMs = m_config.deadlineMs;
     if (const char* stall = std::getenv("ZORVD_FAULT_STALL_MS")) m_stallMs = static_cast<uint32_t>(std::atoi(stall));
+    m_engineErrors = std::getenv("ZORVD_FAULT_ENGINE_ERROR") != nullptr;
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);

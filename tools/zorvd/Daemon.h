@@ -216,6 +216,9 @@ private:
     std::atomic<int64_t> m_readerBeat{0};
     std::atomic<int64_t> m_maintenanceUntilNs{0};
     uint32_t m_stallMs = 0;  // ZORVD_FAULT_STALL_MS: a deliberately slow engine, for the deadline tests
+    // ZORVD_FAULT_ENGINE_ERROR: every start put to the engine as one it must
+    // refuse to decide, for the tests of the failure answer.
+    bool m_engineErrors = false;
 
     JobQueue m_jobs;
     JobQueue m_writes;

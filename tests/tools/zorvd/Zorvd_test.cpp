@@ -474,6 +474,25 @@ TEST_F(Zorvd, StalledEngineIsAnsweredAtTheDeadline) {
     }
 }
 
+// An engine that cannot decide gets `on_error`'s answer: by default closed
+// under enforce and open under log-only; counted either way.
+TEST_F(Zorvd, AnEngineErrorGetsTheFailureAnswer) {
+    const fs::path known = Copy("/usr/bin/true", "known");
+    const struct {
+        const char* mode;
+        const char* onError;  // empty: the default
+        int execStatus;
+    } cases[] = {{"enforce", "", 126}, {"log-only", "", 0}, {"enforce", "allow", 0}, {"log-only", "deny", 126}};
+    for (const auto& c : cases) {
+        const std::string extra = *c.onError ? std::string("on_error = \"") + c.onError + "\"\n" : "";
+        StartDaemon(c.mode, extra, {"ZORVD_FAULT_ENGINE_ERROR=1"});
+        Inventory({{known, "/usr/bin/true"}});
+        EXPECT_EQ(RunProgram({known}), c.execStatus) << c.mode << " " << c.onError;
+        EXPECT_EQ(StatusNumber("error_answers"), 1) << c.mode << " " << c.onError;
+        StopDaemon(SIGKILL);
+    }
+}
+
 TEST_F(Zorvd, StoppingOrKillingTheDaemonReleasesAWaitingExec) {
     const fs::path unknown = Copy("/usr/bin/true", "unknown");
     for (int signal : {SIGTERM, SIGKILL}) {
