@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -309,14 +310,52 @@ bool IsPseudoFilesystem(const std::string& type) {
     return type.rfind("fuse.", 0) == 0;
 }
 
-std::vector<std::string> LocalMountPoints() {
-    std::vector<std::string> points;
-    std::ifstream mounts("/proc/self/mounts");
-    std::string device, point, type, rest;
-    while (mounts >> device >> point >> type && std::getline(mounts, rest)) {
-        if (!IsPseudoFilesystem(type)) points.push_back(point);
+struct MountEntry {
+    std::string point;
+    std::string type;
+};
+
+// The mount table's fields escape space, tab, newline and backslash as \ooo.
+std::string UnescapeMountField(const std::string& field) {
+    std::string out;
+    for (size_t i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size() &&
+            std::isdigit(static_cast<unsigned char>(field[i + 1])) &&
+            std::isdigit(static_cast<unsigned char>(field[i + 2])) &&
+            std::isdigit(static_cast<unsigned char>(field[i + 3]))) {
+            out.push_back(static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0')));
+            i += 3;
+        } else {
+            out.push_back(field[i]);
+        }
     }
-    return points;
+    return out;
+}
+
+// This mount namespace's mounts, in the kernel's order (a mount after the
+// one it is mounted on).
+std::vector<MountEntry> ReadMounts() {
+    std::vector<MountEntry> mounts;
+    std::ifstream table("/proc/self/mountinfo");
+    std::string line;
+    while (std::getline(table, line)) {
+        // ID PARENT MAJOR:MINOR ROOT POINT OPTIONS [OPTIONAL...] - TYPE SOURCE SUPER-OPTIONS
+        std::istringstream fields(line);
+        std::string skip, point, field, type;
+        if (!(fields >> skip >> skip >> skip >> skip >> point)) continue;
+        while (fields >> field && field != "-") {
+        }
+        if (!(fields >> type)) continue;
+        mounts.push_back({UnescapeMountField(point), type});
+    }
+    return mounts;
+}
+
+// `path` is `prefix` or lies below it.
+bool IsAtOrBelow(const std::string& path, const std::string& prefix) {
+    if (path == prefix) return true;
+    return path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0 &&
+           (prefix.back() == '/' || path[prefix.size()] == '/');
 }
 
 std::string JsonEscape(const std::string& text) {
@@ -589,9 +628,11 @@ bool Daemon::SetupFanotify() {
         Log(Level::Error, "fanotify_init: %s", std::strerror(errno));
         return false;
     }
-    std::vector<std::string> paths = m_config.watch.empty() ? LocalMountPoints() : m_config.watch;
-    uint64_t mask = FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE;
-    if (m_config.scripts || m_config.libraries) mask |= FAN_OPEN_PERM;
+    std::vector<std::string> paths = m_config.watch;
+    if (paths.empty())
+        for (const MountEntry& mount : ReadMounts())
+            if (!IsPseudoFilesystem(mount.type)) paths.push_back(mount.point);
+    const uint64_t mask = PermissionMask();
     for (const std::string& path : paths) {
         if (IsIgnored(path)) continue;
         struct stat status {};
@@ -640,14 +681,111 @@ bool Daemon::SetupFanotify() {
     return true;
 }
 
+uint64_t Daemon::PermissionMask() const {
+    return FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE | (m_config.scripts || m_config.libraries ? FAN_OPEN_PERM : 0);
+}
+
 bool Daemon::IsIgnored(const std::string& path) const {
-    for (const std::string& prefix : m_config.ignore) {
-        if (path == prefix) return true;
-        if (path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0 &&
-            (prefix.back() == '/' || path[prefix.size()] == '/'))
-            return true;
-    }
+    for (const std::string& prefix : m_config.ignore)
+        if (IsAtOrBelow(path, prefix)) return true;
     return false;
+}
+
+// With no `watch` list every local filesystem, as at the start; with one, a
+// filesystem mounted at or below a listed path, as a disk or stick mounted
+// into a watched tree would be.
+bool Daemon::InScope(const std::string& point, const std::string& type) const {
+    if (IsPseudoFilesystem(type) || IsIgnored(point)) return false;
+    if (m_config.watch.empty()) return true;
+    for (const std::string& path : m_config.watch)
+        if (IsAtOrBelow(point, path)) return true;
+    return false;
+}
+
+// Marking is idempotent, so every filesystem in scope that the start did not
+// watch is marked again on every change of the table: a filesystem mounted
+// where another was unmounted, and given the same device number, is never
+// taken for the one already watched.
+void Daemon::WatchNewMounts() {
+    std::vector<Watched> since;
+    for (const MountEntry& mount : ReadMounts()) {
+        if (!InScope(mount.point, mount.type)) continue;
+        struct stat status {};
+        if (stat(mount.point.c_str(), &status) != 0) continue;
+        bool known = false;
+        {
+            std::lock_guard<std::mutex> hold(m_watchedMutex);
+            for (const Watched& watched : m_watched) known = known || (!watched.mountedSince && watched.dev == status.st_dev);
+        }
+        for (const Watched& watched : since) known = known || watched.dev == status.st_dev;
+        if (known) continue;
+        {
+            std::shared_lock<std::shared_mutex> open(m_groupMutex);
+            if (m_permissionFd < 0) return;  // stopping
+            if (fanotify_mark(m_permissionFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, PermissionMask(), AT_FDCWD,
+                              mount.point.c_str()) != 0) {
+                Log(Level::Error, "cannot watch %s: %s", mount.point.c_str(), std::strerror(errno));
+                continue;
+            }
+        }
+        if (m_notifyFd >= 0 && fanotify_mark(m_notifyFd, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_DELETE | FAN_RENAME,
+                                             AT_FDCWD, mount.point.c_str()) != 0)
+            Log(Level::Warning, "deletes and renames below %s are not followed: %s", mount.point.c_str(),
+                std::strerror(errno));
+        Watched watched;
+        watched.path = mount.point;
+        watched.dev = status.st_dev;
+        watched.mountedSince = true;
+        struct statfs filesystem {};
+        if (statfs(mount.point.c_str(), &filesystem) == 0)
+            std::memcpy(&watched.fsid, &filesystem.f_fsid, sizeof watched.fsid);
+        since.push_back(std::move(watched));
+    }
+    std::vector<std::string> added, gone;
+    {
+        std::lock_guard<std::mutex> hold(m_watchedMutex);
+        std::vector<Watched> kept;
+        for (Watched& watched : m_watched) {
+            if (!watched.mountedSince) {
+                kept.push_back(std::move(watched));
+                continue;
+            }
+            bool still = false;
+            for (const Watched& now : since) still = still || (now.path == watched.path && now.dev == watched.dev);
+            if (!still) gone.push_back(watched.path);
+        }
+        for (Watched& now : since) {
+            bool before = false;
+            for (const Watched& watched : m_watched)
+                before = before || (watched.mountedSince && watched.path == now.path && watched.dev == now.dev);
+            if (!before) added.push_back(now.path);
+            kept.push_back(std::move(now));
+        }
+        m_watched.swap(kept);
+    }
+    for (const std::string& path : added) Log(Level::Info, "now watching %s", path.c_str());
+    for (const std::string& path : gone) Log(Level::Info, "no longer watching %s: unmounted", path.c_str());
+}
+
+static void NameThread(const char* name);
+
+// The kernel flags the mount table as changed to whoever polls it for
+// POLLPRI; it is read again only then.
+void Daemon::MountsLoop() {
+    NameThread("zorvd-mounts");
+    const int table = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    if (table < 0) {
+        Log(Level::Warning, "filesystems mounted from now on are not watched: %s", std::strerror(errno));
+        return;
+    }
+    WatchNewMounts();  // what was mounted between the start and now
+    while (!m_stopping) {
+        struct pollfd fds[2] = {{table, POLLPRI, 0}, {m_stopFd, POLLIN, 0}};
+        if (poll(fds, 2, 500) <= 0) continue;
+        if ((fds[1].revents & POLLIN) != 0) break;
+        if ((fds[0].revents & (POLLPRI | POLLERR)) != 0) WatchNewMounts();
+    }
+    close(table);
 }
 
 // ---- Answers ---------------------------------------------------------------
@@ -1201,16 +1339,23 @@ void Daemon::NotifyLoop() {
                 const auto* handle = reinterpret_cast<const struct file_handle*>(info->handle);
                 const char* entry = reinterpret_cast<const char*>(handle->f_handle) + handle->handle_bytes;
                 std::string directory;
+                std::lock_guard<std::mutex> hold(m_watchedMutex);
                 for (const Watched& watched : m_watched) {
-                    if (watched.fsid != fsid || watched.fd < 0) continue;
+                    if (watched.fsid != fsid) continue;
+                    // A filesystem watched since the start is opened for the
+                    // moment only; the open is the daemon's own, let through.
+                    const int mountFd =
+                        watched.fd >= 0 ? watched.fd : open(watched.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+                    if (mountFd < 0) break;
                     std::vector<char> copy(sizeof(struct file_handle) + handle->handle_bytes);
                     std::memcpy(copy.data(), handle, copy.size());
-                    const int fd = open_by_handle_at(watched.fd, reinterpret_cast<struct file_handle*>(copy.data()),
+                    const int fd = open_by_handle_at(mountFd, reinterpret_cast<struct file_handle*>(copy.data()),
                                                      O_PATH | O_CLOEXEC);
                     if (fd >= 0) {
                         directory = FdPath(fd);
                         close(fd);
                     }
+                    if (mountFd != watched.fd) close(mountFd);
                     break;
                 }
                 if (directory.empty()) continue;
@@ -1455,7 +1600,10 @@ std::string Daemon::StatusJson() {
     std::ostringstream out;
     out << "{\"ok\":true,\"mode\":\"" << (m_enforce ? "enforce" : "log-only") << "\",\"maintenance\":"
         << (m_maintenance ? "true" : "false") << ",\"watched\":[";
-    for (size_t i = 0; i < m_watched.size(); ++i) out << (i ? "," : "") << JsonEscape(m_watched[i].path);
+    {
+        std::lock_guard<std::mutex> hold(m_watchedMutex);
+        for (size_t i = 0; i < m_watched.size(); ++i) out << (i ? "," : "") << JsonEscape(m_watched[i].path);
+    }
     out << "],\"control\":[\"exec\"" << (m_config.scripts ? ",\"scripts\"" : "")
         << (m_config.libraries ? ",\"libraries\"" : "") << "],\"uptime_s\":" << uptime;
     const std::pair<const char*, uint64_t> kinds[] = {{"exec", c.exec},     {"open", c.open},     {"script", c.script},
@@ -1495,8 +1643,10 @@ std::string Daemon::PsJson() {
         struct stat status {};
         if (fd < 0) continue;
         bool watched = false;
-        if (fstat(fd, &status) == 0)
+        if (fstat(fd, &status) == 0) {
+            std::lock_guard<std::mutex> hold(m_watchedMutex);
             for (const Watched& w : m_watched) watched = watched || w.dev == status.st_dev;
+        }
         Digests digests{};
         if (!watched || !DigestsOf(fd, FileId{status.st_dev, status.st_ino}, status, digests)) {
             close(fd);
@@ -1687,9 +1837,13 @@ int Daemon::Run() {
     m_threads.emplace_back(&Daemon::WriteLoop, this);
     m_threads.emplace_back(&Daemon::WatchdogLoop, this);
     m_threads.emplace_back(&Daemon::ControlLoop, this);
+    m_threads.emplace_back(&Daemon::MountsLoop, this);
 
     std::string watched;
-    for (const Watched& w : m_watched) watched += (watched.empty() ? "" : " ") + w.path;
+    {
+        std::lock_guard<std::mutex> hold(m_watchedMutex);
+        for (const Watched& w : m_watched) watched += (watched.empty() ? "" : " ") + w.path;
+    }
     Log(Level::Info, "ready: mode %s, watching %s, socket %s", m_config.enforce ? "enforce" : "log-only",
         watched.c_str(), m_config.socket.c_str());
     sd_notifyf(0, "READY=1\nSTATUS=%s, watching %s", m_config.enforce ? "enforcing" : "log-only", watched.c_str());

@@ -149,14 +149,22 @@ private:
     struct Watched {
         std::string path;
         dev_t dev = 0;
-        int fd = -1;  // the watched directory, for resolving file handles
+        // The watched directory, for resolving file handles. A filesystem
+        // watched after the start has none: held, it could not be unmounted.
+        int fd = -1;
         uint64_t fsid = 0;
+        bool mountedSince = false;  // watched after the start, as it appeared
     };
 
     bool StartEngine();
     bool ApplyPolicy(bool probeManifest);
     void ImportManifest();
     bool SetupFanotify();
+    // Whether the filesystem mounted at `point` (of `type`) is to be watched.
+    bool InScope(const std::string& point, const std::string& type) const;
+    // Marks the filesystems in scope that the start did not watch (mounted
+    // since, or below a listed path), and forgets those no longer mounted.
+    void WatchNewMounts();
     bool OpenControlSocket();
     void Reload();
     void Shutdown();
@@ -166,6 +174,7 @@ private:
     void WorkerLoop();
     void WriteLoop();
     void WatchdogLoop();
+    void MountsLoop();
     // Makes the watchdog look again at what it sleeps for.
     void WakeWatchdog();
     void ControlLoop();
@@ -193,6 +202,7 @@ private:
     void FinishPendingWrite(const FileId& id);
     std::string ProgramOf(pid_t pid);
     bool IsIgnored(const std::string& path) const;
+    uint64_t PermissionMask() const;
 
     std::string HandleControlRequest(const std::string& line);
     std::string StatusJson();
@@ -207,6 +217,7 @@ private:
     int m_notifyFd = -1;
     int m_stopFd = -1;  // eventfd: wakes the loops that poll
     int m_controlFd = -1;
+    std::mutex m_watchedMutex;  // guards m_watched once the threads run
     std::vector<Watched> m_watched;
     std::atomic<bool> m_stopping{false};
     std::atomic<bool> m_enforce{false};

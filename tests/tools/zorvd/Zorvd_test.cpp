@@ -623,6 +623,31 @@ TEST_F(Zorvd, PsListsARunningProgramTheNewRulesNoLongerAllow) {
     waitpid(running, nullptr, 0);
 }
 
+// A filesystem mounted into the watched tree after the start, as a disk or a
+// stick would be, is watched from then on. Unmounted, it is let go: nothing
+// of the daemon's holds it, and one mounted again in its place (perhaps with
+// the same device number) is watched again. The last has a space in its
+// name, which the kernel's mount table escapes.
+TEST_F(Zorvd, AFilesystemMountedLaterIsWatchedAndLetGo) {
+    StartDaemon("enforce");
+    for (int round = 0; round < 3; ++round) {
+        const fs::path point = m_mount / (round < 2 ? "stick" : "usb stick");
+        fs::create_directories(point);
+        const auto watched = [&] {
+            return Request("{\"command\":\"status\"}").find("\"" + point.string() + "\"") != std::string::npos;
+        };
+        ASSERT_EQ(mount("tmpfs", point.c_str(), "tmpfs", 0, "size=16m,mode=0755"), 0) << std::strerror(errno);
+        ASSERT_TRUE(Eventually(watched)) << "round " << round << "\n" << LogText();
+        const fs::path unknown = point / "unknown";
+        fs::copy_file("/usr/bin/true", unknown);
+        fs::permissions(unknown, fs::perms::owner_all);
+        EXPECT_EQ(RunProgram({unknown}), 126) << "round " << round;
+        EXPECT_TRUE(Eventually([&] { return umount2(point.c_str(), 0) == 0; }))
+            << "round " << round << ": " << std::strerror(errno);
+        EXPECT_TRUE(Eventually([&] { return !watched(); })) << "round " << round;
+    }
+}
+
 // A log that stops taking lines (a journal, terminal or pipe that nobody
 // reads) holds up no answer: programs are decided as before, lines the log
 // cannot take are counted and dropped, and once it drains it says how many.
