@@ -13,6 +13,7 @@
 //           "events_per_second":{...same kinds, over the uptime...},
 //           "allowed":..,"denied":..,"deadline_answers":..,"overflow_answers":..,
 //           "error_answers":..,"queue_depth":..,"log_lines_dropped":..,
+//           "exposures":["...a way to run programs that is not seen..."],
 //           "latency_us":{"p50":..,"p90":..,"p99":..,"p999":..,"max":..}}
 //   {"command":"metrics"}
 //       -> {"ok":true,"metrics":{...the engine's metrics document...},"daemon":{...status...}}

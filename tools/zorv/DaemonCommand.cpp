@@ -128,6 +128,9 @@ CommandRun DefineStatus(CLI::App& command, const CommonOptions& common) {
                       Number(s, "overflow_answers"), Number(s, "error_answers"), Number(s, "queue_depth"),
                       Number(s, "log_lines_dropped"));
         std::cout << line;
+        const cJSON* exposures = cJSON_GetObjectItemCaseSensitive(s, "exposures");
+        for (const cJSON* exposure = exposures ? exposures->child : nullptr; exposure != nullptr; exposure = exposure->next)
+            if (cJSON_IsString(exposure)) std::cout << "not enforced " << host::Printable(exposure->valuestring) << "\n";
         const cJSON* latency = cJSON_GetObjectItemCaseSensitive(s, "latency_us");
         std::snprintf(line, sizeof line, "latency µs   p50 %.0f  p90 %.0f  p99 %.0f  p99.9 %.0f  max %.0f\n",
                       Number(latency, "p50"), Number(latency, "p90"), Number(latency, "p99"), Number(latency, "p999"),

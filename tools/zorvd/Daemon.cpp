@@ -310,6 +310,35 @@ bool IsPseudoFilesystem(const std::string& type) {
     return type.rfind("fuse.", 0) == 0;
 }
 
+// Ways to run a program that no fanotify mark sees, as this machine is set
+// up now. They are reported, never closed behind the operator's back: some
+// software relies on each (runc on executable memfds, rootless containers
+// on user namespaces, sshfs on FUSE).
+std::vector<std::string> Exposures() {
+    std::vector<std::string> found;
+    const auto setting = [](const char* path) {
+        const std::string text = ReadSmallFileAt(AT_FDCWD, path, 32);
+        return text.empty() ? -1L : std::strtol(text.c_str(), nullptr, 10);  // -1: no such setting
+    };
+    // Older kernels have no such setting, and run any memfd.
+    if (setting("/proc/sys/vm/memfd_noexec") != 2)
+        found.push_back("programs run from memory (memfd_create, then execveat) are not seen; "
+                        "vm.memfd_noexec = 2 refuses them");
+    if (setting("/proc/sys/user/max_user_namespaces") > 0 && setting("/proc/sys/kernel/unprivileged_userns_clone") != 0 &&
+        setting("/proc/sys/kernel/apparmor_restrict_unprivileged_userns") <= 0)
+        found.push_back("any user can mount a filesystem of their own in a user namespace, and what runs from it is "
+                        "not seen; user.max_user_namespaces = 0 refuses them");
+    for (const char* helper : {"/usr/bin/fusermount3", "/usr/bin/fusermount", "/bin/fusermount3", "/bin/fusermount"}) {
+        struct stat status {};
+        if (stat(helper, &status) == 0 && (status.st_mode & S_ISUID) != 0) {
+            found.push_back(std::string("any user can mount FUSE filesystems (") + helper +
+                            " is set-user-ID), which are not watched, and what runs from them is not seen");
+            break;
+        }
+    }
+    return found;
+}
+
 struct MountEntry {
     std::string point;
     std::string type;
@@ -1618,6 +1647,10 @@ std::string Daemon::StatusJson() {
         << ",\"overflow_answers\":" << c.overflow << ",\"error_answers\":" << c.error
         << ",\"kernel_overflows\":" << c.kernelOverflow << ",\"own_accesses\":" << c.ownAccess
         << ",\"log_lines_dropped\":" << LogLinesDropped()
+        << ",\"exposures\":[";
+    const std::vector<std::string> exposures = Exposures();
+    for (size_t i = 0; i < exposures.size(); ++i) out << (i ? "," : "") << JsonEscape(exposures[i]);
+    out << "]"
         << ",\"allow_cache_answers\":" << c.allowCacheAnswers << ",\"queue_depth\":" << m_jobs.Depth()
         << ",\"digest_cache_entries\":" << m_digests.Size()
         << ",\"latency_us\":{\"p50\":" << m_latency.Percentile(0.5) << ",\"p90\":" << m_latency.Percentile(0.9)
@@ -1844,6 +1877,8 @@ int Daemon::Run() {
         std::lock_guard<std::mutex> hold(m_watchedMutex);
         for (const Watched& w : m_watched) watched += (watched.empty() ? "" : " ") + w.path;
     }
+    for (const std::string& exposure : Exposures())
+        Log(m_config.enforce ? Level::Warning : Level::Info, "not enforced here: %s", exposure.c_str());
     Log(Level::Info, "ready: mode %s, watching %s, socket %s", m_config.enforce ? "enforce" : "log-only",
         watched.c_str(), m_config.socket.c_str());
     sd_notifyf(0, "READY=1\nSTATUS=%s, watching %s", m_config.enforce ? "enforcing" : "log-only", watched.c_str());

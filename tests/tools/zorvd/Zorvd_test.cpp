@@ -7,6 +7,9 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/fanotify.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -84,6 +87,38 @@ int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const 
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs `body` in a child and returns what it exits with, waiting at most
+// `limitMs` (-1 past it).
+int InChild(const std::function<int()>& body, int limitMs = 10000) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        if (Clock::now() > until) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string FileText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+bool WriteAll(int fd, const std::string& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t wrote = write(fd, bytes.data() + done, bytes.size() - done);
+        if (wrote <= 0) return false;
+        done += static_cast<size_t>(wrote);
+    }
+    return true;
 }
 
 class Zorvd : public ::testing::Test {
@@ -646,6 +681,55 @@ TEST_F(Zorvd, AFilesystemMountedLaterIsWatchedAndLetGo) {
             << "round " << round << ": " << std::strerror(errno);
         EXPECT_TRUE(Eventually([&] { return !watched(); })) << "round " << round;
     }
+}
+
+// What the daemon reports as not enforced is what really runs unseen here,
+// under enforce: a program run from memory, and one run by an ordinary user
+// from a filesystem mounted in a namespace of their own over the watched
+// tree. Each is either refused by the kernel or named in the status.
+TEST_F(Zorvd, WhatRunsUnseenIsReported) {
+    const std::string program = FileText("/usr/bin/true");
+    const fs::path own = m_mount / "own";
+    fs::create_directories(own);
+    // The user reaches the mount point through the test's folder.
+    fs::permissions(m_root, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    StartDaemon("enforce");
+    const std::string status = Request("{\"command\":\"status\"}");
+    ASSERT_NE(status.find("\"exposures\":["), std::string::npos) << status;
+    char* const argv[] = {const_cast<char*>("true"), nullptr};
+    const int fromMemory = InChild([&] {
+        constexpr unsigned kMfdExec = 0x10;  // older headers lack MFD_EXEC
+        int fd = memfd_create("zorvd-test", kMfdExec);
+        if (fd < 0 && errno == EINVAL) fd = memfd_create("zorvd-test", 0);
+        if (fd < 0 || !WriteAll(fd, program)) return 100;
+        fexecve(fd, argv, environ);
+        return 126;
+    });
+    EXPECT_EQ(fromMemory == 0, status.find("memfd_create") != std::string::npos) << fromMemory << "\n" << status;
+    const int fromOwnMount = InChild([&] {
+        // Dumpable again after the change of user, as a user's own process
+        // is: its /proc files are then its own to write.
+        if (setgid(65534) != 0 || setuid(65534) != 0 || prctl(PR_SET_DUMPABLE, 1) != 0) return 101;
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return 100;
+        const auto put = [](const char* path, const std::string& text) {
+            const int fd = open(path, O_WRONLY | O_CLOEXEC);
+            const bool done = fd >= 0 && WriteAll(fd, text);
+            if (fd >= 0) close(fd);
+            return done;
+        };
+        if (!put("/proc/self/setgroups", "deny") || !put("/proc/self/uid_map", "0 65534 1") ||
+            !put("/proc/self/gid_map", "0 65534 1"))
+            return 103;
+        if (mount("tmpfs", own.c_str(), "tmpfs", 0, "size=8m") != 0) return 104;
+        const std::string copy = (own / "unknown").string();
+        const int fd = open(copy.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0755);
+        if (fd < 0 || !WriteAll(fd, program)) return 102;
+        close(fd);
+        execv(copy.c_str(), argv);
+        return 126;
+    });
+    EXPECT_EQ(fromOwnMount == 0, status.find("user namespace") != std::string::npos) << fromOwnMount << "\n"
+                                                                                       << status;
 }
 
 // A log that stops taking lines (a journal, terminal or pipe that nobody
