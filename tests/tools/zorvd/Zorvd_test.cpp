@@ -686,7 +686,9 @@ TEST_F(Zorvd, AFilesystemMountedLaterIsWatchedAndLetGo) {
 // What the daemon reports as not enforced is what really runs unseen here,
 // under enforce: a program run from memory, and one run by an ordinary user
 // from a filesystem mounted in a namespace of their own over the watched
-// tree. Each is either refused by the kernel or named in the status.
+// tree. Each is either refused by the kernel or named in the status (a
+// sandbox may refuse what the machine's settings allow: naming too much is
+// the safe side).
 TEST_F(Zorvd, WhatRunsUnseenIsReported) {
     const std::string program = FileText("/usr/bin/true");
     const fs::path own = m_mount / "own";
@@ -705,7 +707,7 @@ TEST_F(Zorvd, WhatRunsUnseenIsReported) {
         fexecve(fd, argv, environ);
         return 126;
     });
-    EXPECT_EQ(fromMemory == 0, status.find("memfd_create") != std::string::npos) << fromMemory << "\n" << status;
+    if (fromMemory == 0) EXPECT_NE(status.find("memfd_create"), std::string::npos) << status;
     const int fromOwnMount = InChild([&] {
         // Dumpable again after the change of user, as a user's own process
         // is: its /proc files are then its own to write.
@@ -728,8 +730,7 @@ TEST_F(Zorvd, WhatRunsUnseenIsReported) {
         execv(copy.c_str(), argv);
         return 126;
     });
-    EXPECT_EQ(fromOwnMount == 0, status.find("user namespace") != std::string::npos) << fromOwnMount << "\n"
-                                                                                       << status;
+    if (fromOwnMount == 0) EXPECT_NE(status.find("user namespace"), std::string::npos) << status;
 }
 
 // A log that stops taking lines (a journal, terminal or pipe that nobody
