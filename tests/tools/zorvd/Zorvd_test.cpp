@@ -38,9 +38,13 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+std::string FileText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
 std::string Digest(const fs::path& file, const EVP_MD* kind) {
-    std::ifstream in(file, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string bytes = FileText(file);
     unsigned char out[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_Digest(bytes.data(), bytes.size(), out, &length, kind, nullptr);
@@ -71,11 +75,9 @@ pid_t Spawn(const std::vector<std::string>& argv, const std::string& output = "/
     return child;
 }
 
-// Runs argv with a bounded wait; a child still running at the limit is
-// killed and reported as -1. An exec the kernel refuses exits 126.
-int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::string& output = "/dev/null",
-               std::pair<uid_t, gid_t> as = {0, 0}) {
-    const pid_t child = Spawn(argv, output, as);
+// What `child` exits with, waiting at most `limitMs`: a child still running
+// then is killed and reported as -1.
+int WaitBounded(pid_t child, int limitMs) {
     const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
@@ -89,27 +91,17 @@ int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const 
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Runs `body` in a child and returns what it exits with, waiting at most
-// `limitMs` (-1 past it).
+// Runs argv with a bounded wait. An exec the kernel refuses exits 126.
+int RunProgram(const std::vector<std::string>& argv, int limitMs = 10000, const std::string& output = "/dev/null",
+               std::pair<uid_t, gid_t> as = {0, 0}) {
+    return WaitBounded(Spawn(argv, output, as), limitMs);
+}
+
+// Runs `body` in a child and returns what it exits with (bounded, as above).
 int InChild(const std::function<int()>& body, int limitMs = 10000) {
     const pid_t child = fork();
     if (child == 0) _exit(body());
-    const auto until = Clock::now() + std::chrono::milliseconds(limitMs);
-    int status = 0;
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        if (Clock::now() > until) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string FileText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return WaitBounded(child, limitMs);
 }
 
 bool WriteAll(int fd, const std::string& bytes) {
@@ -229,10 +221,7 @@ protected:
         return names;
     }
 
-    std::string LogText() const {
-        std::ifstream in(m_root / "zorvd.log");
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    }
+    std::string LogText() const { return FileText(m_root / "zorvd.log"); }
 
     // One request on the control socket; the empty text when nothing answers.
     std::string Request(const std::string& line) const {
