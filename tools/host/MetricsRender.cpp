@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "HostText.h"
@@ -236,6 +237,14 @@ struct Exposition {
         entry->second.samples.push_back(name + (labels.empty() ? "" : "{" + labels + "}") + " " +
                                         NumberText(value));
     }
+    void AppendTo(std::string& out) const {
+        for (const std::string& name : order) {
+            const Family& family = families.at(name);
+            out += "# HELP " + name + " " + family.help + "\n";
+            out += "# TYPE " + name + " " + family.type + "\n";
+            for (const std::string& sample : family.samples) out += sample + "\n";
+        }
+    }
 };
 
 struct KeyedObject {
@@ -336,12 +345,73 @@ bool RenderPrometheus(const std::string& json, std::string& out, std::string& er
         }
     }
     out.clear();
-    for (const std::string& name : exposition.order) {
-        const Family& family = exposition.families[name];
-        out += "# HELP " + name + " " + family.help + "\n";
-        out += "# TYPE " + name + " " + family.type + "\n";
-        for (const std::string& sample : family.samples) out += sample + "\n";
+    exposition.AppendTo(out);
+    return true;
+}
+
+bool RenderDaemonPrometheus(const std::string& status, std::string& out, std::string& error) {
+    const JsonPtr root(cJSON_Parse(status.c_str()));
+    if (!cJSON_IsObject(root.get()) || !cJSON_IsString(cJSON_GetObjectItemCaseSensitive(root.get(), "mode"))) {
+        error = root ? "not a zorvd status" : "not valid JSON";
+        return false;
     }
+    const cJSON* s = root.get();
+    Exposition exposition;
+    struct Figure {
+        const char* key;
+        const char* family;
+        const char* type;
+        const char* help;
+    };
+    static constexpr Figure kFigures[] = {
+        {"allowed", "zorvd_allowed_total", "counter", "Permission events answered allow."},
+        {"denied", "zorvd_denied_total", "counter", "Permission events answered deny."},
+        {"deadline_answers", "zorvd_deadline_answers_total", "counter",
+         "Permission events the watchdog answered at the deadline, without a decision."},
+        {"overflow_answers", "zorvd_overflow_answers_total", "counter",
+         "Permission events answered without the engine because the queue was full."},
+        {"error_answers", "zorvd_error_answers_total", "counter",
+         "Permission events answered with on_error because the engine could not decide."},
+        {"kernel_overflows", "zorvd_kernel_overflows_total", "counter", "Overflows of the kernel's event queues."},
+        {"own_accesses", "zorvd_own_accesses_total", "counter", "The daemon's own file accesses, let through."},
+        {"allow_cache_answers", "zorvd_allow_cache_answers_total", "counter",
+         "Runs allowed by the engine's allow cache without a rule-store lookup."},
+        {"log_lines_dropped", "zorvd_log_lines_dropped_total", "counter",
+         "Log lines dropped because the log did not keep up."},
+        {"queue_depth", "zorvd_queue_depth", "gauge", "Permission events waiting for a worker."},
+        {"digest_cache_entries", "zorvd_digest_cache_entries", "gauge", "Files whose digests are cached."},
+        {"uptime_s", "zorvd_uptime_seconds", "gauge", "Seconds since the daemon started."},
+        {"maintenance", "zorvd_maintenance", "gauge", "1 while a maintenance window is open."},
+    };
+    for (const Figure& figure : kFigures) {
+        bool ok = false;
+        const double value = NumericValue(cJSON_GetObjectItemCaseSensitive(s, figure.key), ok);
+        if (ok) exposition.Add(figure.family, figure.type, figure.help, "", value);
+    }
+    exposition.Add("zorvd_enforcing", "gauge", "1 under enforce, 0 under log-only.", "",
+                   std::string_view(cJSON_GetObjectItemCaseSensitive(s, "mode")->valuestring) == "enforce" ? 1 : 0);
+    for (const auto& [key, family, help] :
+         {std::tuple{"watched", "zorvd_watched_filesystems", "Filesystems watched."},
+          std::tuple{"exposures", "zorvd_exposures",
+                     "Ways to run a program that no watch sees on this machine (zorv status names them)."}}) {
+        const cJSON* list = cJSON_GetObjectItemCaseSensitive(s, key);
+        if (cJSON_IsArray(list)) exposition.Add(family, "gauge", help, "", cJSON_GetArraySize(list));
+    }
+    const cJSON* events = cJSON_GetObjectItemCaseSensitive(s, "events");
+    for (const cJSON* kind = cJSON_IsObject(events) ? events->child : nullptr; kind != nullptr; kind = kind->next)
+        if (cJSON_IsNumber(kind))
+            exposition.Add("zorvd_events_total", "counter", "Events read from the kernel, by kind.",
+                           "kind=\"" + LabelValue(kind->string) + "\"", kind->valuedouble);
+    const cJSON* latency = cJSON_GetObjectItemCaseSensitive(s, "latency_us");
+    for (const auto& [key, quantile] : {std::pair{"p50", "0.5"}, std::pair{"p90", "0.9"}, std::pair{"p99", "0.99"},
+                                        std::pair{"p999", "0.999"}, std::pair{"max", "1"}}) {
+        const cJSON* value = cJSON_GetObjectItemCaseSensitive(latency, key);
+        if (cJSON_IsNumber(value))
+            exposition.Add("zorvd_decision_latency_microseconds", "gauge",
+                           "Time from reading a permission event to answering it, by quantile (1: the longest).",
+                           std::string("quantile=\"") + quantile + "\"", value->valuedouble);
+    }
+    exposition.AppendTo(out);
     return true;
 }
 

@@ -17,4 +17,10 @@ bool RenderMetricsTables(const std::string& json, std::string& out, std::string&
 // collector reads it): names zorv_..., each family with HELP and TYPE.
 bool RenderPrometheus(const std::string& json, std::string& out, std::string& error);
 
+// zorvd's own figures (its status answer) in the same format, names zorvd_...:
+// answers by kind (deadline, overflow and error answers among them), events
+// by kind, the queue, the decision latency, dropped log lines. Appended to
+// `out`; false with `error` when the text is not a status answer.
+bool RenderDaemonPrometheus(const std::string& status, std::string& out, std::string& error);
+
 }  // namespace zorv::host

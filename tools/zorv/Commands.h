@@ -33,7 +33,7 @@ CommandRun DefinePs(CLI::App& command, const CommonOptions& common);
 
 // The daemon paths of import and metrics (--socket).
 int ImportViaDaemon(const CommonOptions& common, const std::string& name, bool append, const std::string& text);
-bool MetricsViaDaemon(const CommonOptions& common, std::string& json);
+bool MetricsViaDaemon(const CommonOptions& common, std::string& json, std::string& daemon);
 
 inline const CommandEntry kCommands[] = {
     {"scan", "Build the scanned inventory from folder trees", &DefineScan},

@@ -85,12 +85,16 @@ int ImportViaDaemon(const CommonOptions& common, const std::string& name, bool a
     return kExitOk;
 }
 
-bool MetricsViaDaemon(const CommonOptions& common, std::string& json) {
+bool MetricsViaDaemon(const CommonOptions& common, std::string& json, std::string& daemon) {
     Json answer = Ask(common, "metrics", Command("metrics"));
     const cJSON* metrics = answer ? cJSON_GetObjectItemCaseSensitive(answer.get(), "metrics") : nullptr;
     if (metrics == nullptr) return false;
-    std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(metrics), cJSON_free);
-    json = text ? text.get() : "";
+    const auto print = [](const cJSON* item) {
+        std::unique_ptr<char, decltype(&cJSON_free)> text(item ? cJSON_PrintUnformatted(item) : nullptr, cJSON_free);
+        return text ? std::string(text.get()) : std::string();
+    };
+    json = print(metrics);
+    daemon = print(cJSON_GetObjectItemCaseSensitive(answer.get(), "daemon"));
     return !json.empty();
 }
 

@@ -22,10 +22,10 @@ CommandRun DefineMetrics(CLI::App& command, const CommonOptions& common) {
             PrintError("metrics", "--json and --prometheus exclude each other");
             return int(kExitUsage);
         }
-        std::string json;
+        std::string json, daemon;
         host::EngineSession engine;
         if (!common.socket.empty()) {
-            if (!MetricsViaDaemon(common, json)) return int(kExitError);
+            if (!MetricsViaDaemon(common, json, daemon)) return int(kExitError);
         } else if (!OpenEngine(common, engine)) {
             return int(kExitError);
         } else if (const uint32_t status = host::FetchMetrics(json); status != AC_OK) {
@@ -37,7 +37,9 @@ CommandRun DefineMetrics(CLI::App& command, const CommonOptions& common) {
             return int(kExitOk);
         }
         std::string text, error;
-        const bool ok = options->prometheus ? host::RenderPrometheus(json, text, error)
+        // Through a daemon, its own figures follow the engine's.
+        const bool ok = options->prometheus ? host::RenderPrometheus(json, text, error) &&
+                                                  (daemon.empty() || host::RenderDaemonPrometheus(daemon, text, error))
                                             : host::RenderMetricsTables(json, text, error);
         if (!ok) {
             PrintError("metrics document", error);

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -19,6 +18,8 @@
 #if __has_include(<sys/wait.h>)
 #include <sys/wait.h>
 #endif
+
+#include "PrometheusText.h"
 
 namespace {
 
@@ -545,31 +546,8 @@ TEST_F(ZorvCli, PrometheusOutputIsWellFormed) {
     ASSERT_EQ(Zorv({"import", kExamples + "/ruleset.json", "--name", "example-rules"}).status, 0);
     const Outcome outcome = Zorv({"metrics", "--prometheus"});
     ASSERT_EQ(outcome.status, 0);
-    const std::regex help(R"(# HELP (zorv_[a-z0-9_]+) [^\n]+)");
-    const std::regex type(R"(# TYPE (zorv_[a-z0-9_]+) (counter|gauge))");
-    const std::regex sample(
-        R"((zorv_[a-z0-9_]+)(\{[a-z_][a-z0-9_]*="(\\.|[^"\\])*"(,[a-z_][a-z0-9_]*="(\\.|[^"\\])*")*\})? -?[0-9.e+]+)");
-    std::set<std::string> helped, typed, finished;
-    std::string current;
     size_t samples = 0;
-    for (const std::string& line : Lines(outcome.out)) {
-        std::smatch match;
-        if (std::regex_match(line, match, help)) {
-            EXPECT_TRUE(helped.insert(match[1]).second) << "HELP twice: " << line;
-            if (!current.empty()) finished.insert(current);
-            current = match[1];
-        } else if (std::regex_match(line, match, type)) {
-            EXPECT_EQ(match[1], current) << line;
-            typed.insert(match[1]);
-        } else if (std::regex_match(line, match, sample)) {
-            EXPECT_EQ(match[1], current) << "sample outside its family: " << line;
-            EXPECT_TRUE(typed.count(match[1])) << line;
-            ++samples;
-        } else {
-            ADD_FAILURE() << "not exposition format: " << line;
-        }
-    }
-    EXPECT_EQ(helped, typed);
+    for (const std::string& problem : zorv::testing::PrometheusProblems(outcome.out, samples)) ADD_FAILURE() << problem;
     EXPECT_GT(samples, 10u);
     EXPECT_NE(outcome.out.find("zorv_dbinfo_execution_rules 3\n"), std::string::npos);
 

@@ -33,6 +33,8 @@
 #include <openssl/evp.h>
 #include <sqlite3.h>
 
+#include "PrometheusText.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -620,6 +622,28 @@ TEST_F(Zorvd, HangupReloadsTheMode) {
             << step.mode << "\n" << LogText();
         EXPECT_EQ(RunProgram({unknown}), step.exitStatus) << step.mode;
     }
+}
+
+// Through the daemon, the Prometheus text carries the daemon's own figures
+// after the engine's: what an operator alerts on (denials, deadline answers,
+// dropped log lines, ways to run unseen) in the same well-formed text.
+TEST_F(Zorvd, PrometheusMetricsCarryTheDaemonsFigures) {
+    const fs::path known = Copy("/usr/bin/true", "known");
+    const fs::path unknown = Copy("/usr/bin/true", "unknown");
+    std::ofstream(unknown, std::ios::binary | std::ios::app) << '\n';
+    StartDaemon("enforce");
+    Inventory({{known, "/usr/bin/true"}});
+    ASSERT_EQ(RunProgram({known}), 0);
+    ASSERT_EQ(RunProgram({unknown}), 126);
+    const std::string output = (m_root / "metrics.prom").string();
+    ASSERT_EQ(Zorv({"metrics", "--prometheus"}, output), 0);
+    const std::string text = FileText(output);
+    size_t samples = 0;
+    for (const std::string& problem : zorv::testing::PrometheusProblems(text, samples)) ADD_FAILURE() << problem;
+    for (const char* line : {"zorv_dbinfo_execution_rules 1\n", "zorvd_denied_total 1\n",
+                             "zorvd_deadline_answers_total 0\n", "zorvd_events_total{kind=\"exec\"} 2\n",
+                             "zorvd_enforcing 1\n", "zorvd_log_lines_dropped_total 0\n"})
+        EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
 }
 
 TEST_F(Zorvd, PsListsARunningProgramTheNewRulesNoLongerAllow) {
