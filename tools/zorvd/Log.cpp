@@ -16,6 +16,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -128,13 +129,34 @@ void WriterLoop() {
     }
 }
 
+// False when no thread could be started for the log (the process is out of
+// threads): lines are then written where they are made, as before there was
+// a queue, rather than lost or thrown across an engine callback.
+bool WriterRunning() {
+    static const bool running = [] {
+        try {
+            std::thread(WriterLoop).detach();
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+    }();
+    return running;
+}
+
 // Lines name files and programs anyone may have named: escaped, a name
 // cannot end a line early and pass what follows for a line of the daemon's.
 void Emit(Level level, const std::string& raw) {
-    static std::once_flag started;
-    std::call_once(started, [] { std::thread(WriterLoop).detach(); });
     std::string line = zorv::host::Printable(raw);
     Writer& writer = TheWriter();
+    if (!WriterRunning()) {
+        std::unique_lock<std::mutex> hold(writer.mutex);
+        const Sink sink = writer.sink;
+        const std::shared_ptr<const LogFile> file = writer.file;
+        hold.unlock();
+        WriteLine(sink, file.get(), level, line);
+        return;
+    }
     {
         std::lock_guard<std::mutex> hold(writer.mutex);
         if (writer.lines.size() >= kQueuedLines || writer.bytes + line.size() > kQueuedBytes) {
