@@ -36,6 +36,7 @@
 #include "ControlProtocol.h"
 #include "HostText.h"
 #include "Log.h"
+#include "Mounts.h"
 #include "zorv/zorv.h"
 
 // Debian 12's headers predate some of the names this kernel offers.
@@ -298,23 +299,11 @@ bool OpenIsNoRun(pid_t pid) {
     return (argument & O_ACCMODE) != O_RDONLY || (argument & O_TRUNC) != 0;
 }
 
-bool IsPseudoFilesystem(const std::string& type) {
-    static const char* const kPseudo[] = {"proc",     "sysfs",     "cgroup",      "cgroup2",    "devpts",
-                                          "devtmpfs", "debugfs",   "tracefs",     "securityfs", "pstore",
-                                          "bpf",      "mqueue",    "hugetlbfs",   "configfs",   "fusectl",
-                                          "autofs",   "binfmt_misc", "rpc_pipefs", "nsfs",       "efivarfs",
-                                          "nfs",      "nfs4",      "cifs",        "smb3",       "9p",
-                                          "ceph",     "fuse",      "sshfs"};
-    for (const char* pseudo : kPseudo)
-        if (type == pseudo) return true;
-    return type.rfind("fuse.", 0) == 0;
-}
-
 // Ways to run a program that no fanotify mark sees, as this machine is set
 // up now. They are reported, never closed behind the operator's back: some
 // software relies on each (runc on executable memfds, rootless containers
 // on user namespaces, sshfs on FUSE).
-std::vector<std::string> Exposures() {
+std::vector<std::string> MachineExposures() {
     std::vector<std::string> found;
     const auto setting = [](const char* path) {
         const std::string text = ReadSmallFileAt(AT_FDCWD, path, 32);
@@ -337,54 +326,6 @@ std::vector<std::string> Exposures() {
         }
     }
     return found;
-}
-
-struct MountEntry {
-    std::string point;
-    std::string type;
-};
-
-// The mount table's fields escape space, tab, newline and backslash as \ooo.
-std::string UnescapeMountField(const std::string& field) {
-    std::string out;
-    for (size_t i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size() &&
-            std::isdigit(static_cast<unsigned char>(field[i + 1])) &&
-            std::isdigit(static_cast<unsigned char>(field[i + 2])) &&
-            std::isdigit(static_cast<unsigned char>(field[i + 3]))) {
-            out.push_back(static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0')));
-            i += 3;
-        } else {
-            out.push_back(field[i]);
-        }
-    }
-    return out;
-}
-
-// This mount namespace's mounts, in the kernel's order (a mount after the
-// one it is mounted on).
-std::vector<MountEntry> ReadMounts() {
-    std::vector<MountEntry> mounts;
-    std::ifstream table("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(table, line)) {
-        // ID PARENT MAJOR:MINOR ROOT POINT OPTIONS [OPTIONAL...] - TYPE SOURCE SUPER-OPTIONS
-        std::istringstream fields(line);
-        std::string skip, point, field, type;
-        if (!(fields >> skip >> skip >> skip >> skip >> point)) continue;
-        while (fields >> field && field != "-") {
-        }
-        if (!(fields >> type)) continue;
-        mounts.push_back({UnescapeMountField(point), type});
-    }
-    return mounts;
-}
-
-// `path` is `prefix` or lies below it.
-bool IsAtOrBelow(const std::string& path, const std::string& prefix) {
-    if (path == prefix) return true;
-    return path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0 &&
-           (prefix.back() == '/' || path[prefix.size()] == '/');
 }
 
 std::string JsonEscape(const std::string& text) {
@@ -712,6 +653,19 @@ bool Daemon::SetupFanotify() {
 
 uint64_t Daemon::PermissionMask() const {
     return FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE | (m_config.scripts || m_config.libraries ? FAN_OPEN_PERM : 0);
+}
+
+std::vector<std::string> Daemon::Exposures() const {
+    std::vector<std::string> found = MachineExposures();
+    // A few by name; a machine with hundreds of such mounts gets their number.
+    constexpr size_t kNamed = 8;
+    const std::vector<MountEntry> remote = UnwatchedRemoteMounts(ReadMounts(), m_config.watch, m_config.ignore);
+    for (size_t i = 0; i < remote.size() && i < kNamed; ++i)
+        found.push_back("programs on " + remote[i].point + " (" + remote[i].type +
+                        ") are not seen: a network or FUSE filesystem is watched only when a watch path names it");
+    if (remote.size() > kNamed)
+        found.push_back(std::to_string(remote.size() - kNamed) + " more network or FUSE filesystems are not watched");
+    return found;
 }
 
 bool Daemon::IsIgnored(const std::string& path) const {

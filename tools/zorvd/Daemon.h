@@ -202,6 +202,9 @@ private:
     void FinishPendingWrite(const FileId& id);
     std::string ProgramOf(pid_t pid);
     bool IsIgnored(const std::string& path) const;
+    // What runs unseen here: the machine's settings and the network and FUSE
+    // mounts in the watched tree that no watch path names.
+    std::vector<std::string> Exposures() const;
     uint64_t PermissionMask() const;
 
     std::string HandleControlRequest(const std::string& line);
