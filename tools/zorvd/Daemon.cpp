@@ -1068,6 +1068,7 @@ void Daemon::HandleWrite(int fd, pid_t pid, int pidfd) {
     job.id = id;
     job.event = holder;
     job.program = ProgramOf(pid);
+    job.credentialsKnown = CredentialsOf(pidfd, job.uid, job.gid) == Credentials::Known;
     {
         std::lock_guard<std::mutex> hold(m_pendingMutex);
         ++m_pendingWrites[id];
@@ -1258,11 +1259,17 @@ void Daemon::WriteLoop() {
 }
 
 void Daemon::JudgeWrite(Job& job) {
+    if (m_stallMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_stallMs));
     const int fd = job.event->fd;
     struct stat status {};
     Digests digests{};
     if (fstat(fd, &status) != 0 || !DigestsOf(fd, job.id, status, digests)) return;
-    const ProcessIdentity identity = IdentityOf(job.event->pid, job.event->pidfd);
+    ProcessIdentity identity = IdentityOf(job.event->pid, job.event->pidfd);
+    // The writer may have quit and been reaped since: its user as it wrote.
+    if (job.credentialsKnown) {
+        identity.user = UserName(job.uid);
+        identity.group = GroupName(job.gid);
+    }
     EventTexts texts;
     texts.name = Widen(FdPath(fd));
     texts.processName = Widen(job.program);

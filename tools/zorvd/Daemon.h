@@ -64,6 +64,11 @@ struct Job {
     FileId id;
     std::string program;                     // the program behind the event, taken when the event was read
     bool runUnchecked = false;               // an open not yet asked whether it runs the file
+    // Write jobs: the writer's real user and group when its write was read,
+    // for a writer gone (and reaped) before the write is judged.
+    bool credentialsKnown = false;
+    uid_t uid = 0;
+    gid_t gid = 0;
 };
 
 // A bounded queue of jobs; Push refuses when full instead of waiting.

@@ -487,6 +487,21 @@ TEST_F(Zorvd, ATrustedUpdaterRunByAnotherUserIsNoTrustedUpdater) {
     }
 }
 
+// A trusted updater that has exited, and been reaped, before its write is
+// judged is still known as the user it ran as: an updater's helper that
+// writes a file and quits must not leave a program that will not start.
+TEST_F(Zorvd, AWriteJudgedAfterItsWriterIsGoneKeepsTheWritersUser) {
+    std::ofstream(m_root / "trust.json")
+        << R"({"Trustrules":[{"processName":"/usr/bin/cp","trustType":1,"user":"root"}]})";
+    StartDaemon("enforce", "deadline_ms = 5000\n", {"ZORVD_FAULT_STALL_MS=300"});
+    for (int round = 0; round < 3; ++round) {
+        const std::string target = (m_mount / ("fresh" + std::to_string(round))).string();
+        // Reaped when this returns; its write is judged 300 ms later.
+        ASSERT_EQ(RunProgram({"/usr/bin/cp", "/usr/bin/true", target}), 0);
+        EXPECT_EQ(RunProgram({target}), 0) << "round " << round << "\n" << LogText();
+    }
+}
+
 TEST_F(Zorvd, StalledEngineIsAnsweredAtTheDeadline) {
     const fs::path unknown = Copy("/usr/bin/true", "unknown");
     for (const char* answer : {"allow", "deny"}) {
