@@ -452,6 +452,12 @@ TEST_F(Zorvd, TrustedUpdaterWriteThenExecIsAllowed) {
         ASSERT_EQ(RunProgram({"/usr/bin/cp", "/usr/bin/true", target}), 0);
         EXPECT_EQ(RunProgram({target}), 0) << "round " << round << "\n" << LogText();
     }
+    // As dpkg installs: written under a temporary name, renamed into place.
+    const std::string staged = (m_mount / "installed.dpkg-new").string();
+    const std::string installed = (m_mount / "installed").string();
+    ASSERT_EQ(RunProgram({"/usr/bin/cp", "/usr/bin/echo", staged}), 0);
+    ASSERT_EQ(std::rename(staged.c_str(), installed.c_str()), 0);
+    EXPECT_EQ(RunProgram({installed}), 0) << LogText();
     // The test itself is no trusted updater.
     const fs::path untrusted = Copy("/usr/bin/false", "untrusted");
     EXPECT_EQ(RunProgram({untrusted}), 126);
