@@ -690,16 +690,18 @@ bool Daemon::InScope(const std::string& point, const std::string& type) const {
 // where another was unmounted, and given the same device number, is never
 // taken for the one already watched.
 void Daemon::WatchNewMounts() {
+    std::vector<dev_t> atStart;  // only the mounts thread changes m_watched, so this stays true below
+    {
+        std::lock_guard<std::mutex> hold(m_watchedMutex);
+        for (const Watched& watched : m_watched)
+            if (!watched.mountedSince) atStart.push_back(watched.dev);
+    }
     std::vector<Watched> since;
     for (const MountEntry& mount : ReadMounts()) {
         if (!InScope(mount.point, mount.type)) continue;
         struct stat status {};
         if (stat(mount.point.c_str(), &status) != 0) continue;
-        bool known = false;
-        {
-            std::lock_guard<std::mutex> hold(m_watchedMutex);
-            for (const Watched& watched : m_watched) known = known || (!watched.mountedSince && watched.dev == status.st_dev);
-        }
+        bool known = std::find(atStart.begin(), atStart.end(), status.st_dev) != atStart.end();
         for (const Watched& watched : since) known = known || watched.dev == status.st_dev;
         if (known) continue;
         {
